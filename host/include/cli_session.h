@@ -17,6 +17,17 @@
  *   with the last, unfinished word) with their help texts.
  * All text, messages included, goes through parser_printf to the session's
  * output. Messages start with "% ".
+ *
+ * The host's root handlers (parser_vty_*) act on the session executing them:
+ *   parser_vty_debug / parser_vty_undebug  trace every command's selector and
+ *                                          values before its callback: on / off
+ *   parser_vty_show                        print the session's state
+ *   parser_vty_set                         set the security level to item 0
+ *   parser_vty_clear                       forget history and command counters
+ *   parser_vty_test                        echo the selector and values it got
+ *   parser_vty_single_line_mode            toggle plain line reading (no
+ *                                          editing, no history)
+ * Called outside a session they print "% No session".
  */
 #ifndef CORVEX_HOST_CLI_SESSION_H
 #define CORVEX_HOST_CLI_SESSION_H
@@ -86,7 +97,10 @@ int cli_session_run_script(parser_config* session, FILE* in);
  */
 int cli_session_run_interactive(parser_config* session, FILE* in, FILE* out, const char* prompt);
 
-/* The session's history, oldest first; null past the end. */
+/*
+ * The session's history (lines typed at its interactive terminal), oldest
+ * first; null past the end. Valid until the history changes.
+ */
 const char* cli_session_history(const parser_config* session, int index);
 
 /* The session executing a command on the calling thread; null elsewhere. */
