@@ -262,13 +262,13 @@ void itable16_set_maxindex(itable16_t* table, u_int32_t maxindex) {
 
 void itable16_set_packed(itable16_t* table, boolean packed) {
     if (table != nullptr) {
-        table->itable16_packed = packed;
+        table->itable16_packed = packed != 0;
     }
 }
 
 void itable16_set_cleanup_on_remove(itable16_t* table, boolean cleanup) {
     if (table != nullptr) {
-        table->cleanup_on_remove = cleanup;
+        table->cleanup_on_remove = cleanup != 0;
     }
 }
 

@@ -175,6 +175,7 @@ void itable32_set_maxindex(itable32_t* table, u_int32_t maxindex) {
 }
 
 void itable32_set_packed(itable32_t* table, boolean packed) {
+    packed = packed != 0;
     if (table == nullptr || table->itable32_packed == packed) {
         return;
     }
@@ -183,6 +184,7 @@ void itable32_set_packed(itable32_t* table, boolean packed) {
 }
 
 void itable32_set_cleanup_on_remove(itable32_t* table, boolean cleanup) {
+    cleanup = cleanup != 0;
     if (table == nullptr || table->cleanup_on_remove == cleanup) {
         return;
     }

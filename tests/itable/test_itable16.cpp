@@ -126,8 +126,9 @@ TEST_F(Itable16Test, DefaultsAndSetters) {
     EXPECT_EQ(table->itable16_maxindex, 1u);
     itable16_set_maxindex(table, 65536);
     EXPECT_EQ(table->itable16_maxindex, 0x10000u);
-    itable16_set_packed(table, 1);
-    itable16_set_cleanup_on_remove(table, 1);
+    // Any non-zero flag is true and stored as 1.
+    itable16_set_packed(table, 0x80);
+    itable16_set_cleanup_on_remove(table, 2);
     EXPECT_EQ(table->itable16_packed, 1);
     EXPECT_EQ(table->cleanup_on_remove, 1);
     // Null tables are ignored by the setters and the initialiser.
@@ -173,6 +174,16 @@ TEST_F(Itable16Test, UnpackedExtendsTailPackedFillsHole) {
     EXPECT_EQ(alloc(), 5);
     // No hole left: a packed table extends the tail.
     EXPECT_EQ(alloc(), 11);
+}
+
+TEST_F(Itable16Test, UnpackedFallsBackToAHoleWhenTheTailHasNoMemory) {
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(alloc(), i);
+    drop(5);
+    heap.fail_after(0);  // the tail needs a new bucket, the hole does not
+    EXPECT_EQ(alloc(), 5);
+    EXPECT_EQ(alloc(), -1);
+    heap.fail_after(-1);
+    EXPECT_EQ(alloc(), 64);
 }
 
 TEST_F(Itable16Test, UnpackedReusesHolesOnlyAtTheLimit) {

@@ -233,8 +233,10 @@ TEST_F(Itable32Test, FlagsReachEveryLowerTableButNotTheUpper) {
     ASSERT_EQ(put(1), 0);
     ASSERT_EQ(put(0x20001), 0);
     ASSERT_EQ(put(0x90001), 0);
-    itable32_set_packed(table, 1);
-    itable32_set_cleanup_on_remove(table, 1);
+    itable32_set_packed(table, 4);
+    itable32_set_cleanup_on_remove(table, 0x10);
+    EXPECT_EQ(table->itable32_packed, 1);
+    EXPECT_EQ(table->cleanup_on_remove, 1);
     for (u_int32_t u : {0u, 2u, 9u}) {
         EXPECT_EQ(lower(u)->itable16_packed, 1) << u;
         EXPECT_EQ(lower(u)->cleanup_on_remove, 1) << u;
