@@ -6,7 +6,9 @@
  * File layout (host byte order): the 32-byte header, the common area
  * (rounded up to 8 bytes), the bitmap ((entries + 31) / 32 words of 32 bits,
  * bit i % 32 of word i / 32 for index i), then the entries (each rounded up
- * to 8 bytes). The file is one byte longer than the mapping.
+ * to 8 bytes). The file is one byte longer than the mapping. Entries are
+ * 8-byte aligned only when the number of bitmap words is even; otherwise
+ * they are 4-byte aligned, so wider fields are best read with memcpy.
  *
  * Publishing an entry: itable_shm_index_alloc (proposes, does not mark),
  * itable_shm_entry_get, write the entry, itable_shm_entry_set. Setting the

@@ -13,10 +13,12 @@
 
 namespace {
 
+// Entries are only 4-byte aligned when the bitmap has an odd number of
+// words (2000 entries: 63 words), so the record holds 32-bit fields only.
 struct Entry {
     u_int32_t id;
     u_int32_t check;
-    u_int64_t payload[3];
+    u_int32_t payload[5];
 };
 
 constexpr int kEntries = 2000;
@@ -36,7 +38,7 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
             const int index = itable_shm_index_alloc(writer_view);
             auto* e = static_cast<Entry*>(itable_shm_entry_get(writer_view, index, nullptr));
             e->id = static_cast<u_int32_t>(index) + 1;
-            e->payload[0] = e->payload[1] = e->payload[2] = 0x1111111111111111ull * (index % 15 + 1);
+            for (u_int32_t& word : e->payload) word = 0x11111111u * static_cast<u_int32_t>(index % 15 + 1);
             e->check = ~e->id;
             itable_shm_entry_set(writer_view, index);
         }
@@ -51,9 +53,9 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
         for (int i = itable_shm_get_next_index(reader_view, -1); i >= 0; i = itable_shm_get_next_index(reader_view, i)) {
             int flag = 0;
             const auto* e = static_cast<const Entry*>(itable_shm_entry_get(reader_view, i, &flag));
-            const u_int64_t fill = 0x1111111111111111ull * (i % 15 + 1);
+            const u_int32_t fill = 0x11111111u * static_cast<u_int32_t>(i % 15 + 1);
             bad += flag != 1 || e->id != static_cast<u_int32_t>(i) + 1 || e->check != ~e->id ||
-                   e->payload[0] != fill || e->payload[2] != fill;
+                   e->payload[0] != fill || e->payload[4] != fill;
             ++count;
         }
         // Entries are only added, in index order.
