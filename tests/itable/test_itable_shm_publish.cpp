@@ -14,14 +14,14 @@
 namespace {
 
 // Entries are only 4-byte aligned when the bitmap has an odd number of
-// words (2000 entries: 63 words), so the record holds 32-bit fields only.
+// words (1050 entries: 33 words), so the record holds 32-bit fields only.
 struct Entry {
     u_int32_t id;
     u_int32_t check;
     u_int32_t payload[5];
 };
 
-constexpr int kEntries = 2000;
+constexpr int kEntries = 1050;
 
 TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
     char tmpl[] = "/tmp/corvex_itable_pub_XXXXXX";
@@ -32,7 +32,12 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
     ASSERT_NE(writer_view, nullptr);
     itable_shm_t* reader_view = writer_view;
 
-    std::atomic<bool> done{false};
+    // The writer publishes one entry at a time and waits until the reader's
+    // walk has found it, so every entry is read while the writer is still
+    // at work. The handshake is relaxed on purpose: it orders nothing, so
+    // only the bitmap can carry the entry's bytes to the reader.
+    std::atomic<int> seen_by_reader{0};
+    std::atomic<bool> reader_gave_up{false};
     std::thread writer([&] {
         for (int n = 0; n < kEntries; ++n) {
             const int index = itable_shm_index_alloc(writer_view);
@@ -41,14 +46,18 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
             for (u_int32_t& word : e->payload) word = 0x11111111u * static_cast<u_int32_t>(index % 15 + 1);
             e->check = ~e->id;
             itable_shm_entry_set(writer_view, index);
+            while (seen_by_reader.load(std::memory_order_relaxed) <= n &&
+                   !reader_gave_up.load(std::memory_order_relaxed)) {
+                std::this_thread::yield();
+            }
         }
-        done.store(true, std::memory_order_release);
     });
 
     int bad = 0;
     int last_count = 0;
-    for (bool finished = false; !finished;) {
-        finished = done.load(std::memory_order_acquire);
+    // A walk that finds nothing new many times in a row means the writer's
+    // entries never showed up: give up rather than hang.
+    for (int idle_walks = 0; last_count < kEntries && idle_walks < 10000000;) {
         int count = 0;
         for (int i = itable_shm_get_next_index(reader_view, -1); i >= 0; i = itable_shm_get_next_index(reader_view, i)) {
             int flag = 0;
@@ -60,8 +69,11 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
         }
         // Entries are only added, in index order.
         EXPECT_GE(count, last_count);
+        idle_walks = count == last_count ? idle_walks + 1 : 0;
         last_count = count;
+        seen_by_reader.store(count, std::memory_order_relaxed);
     }
+    reader_gave_up.store(true, std::memory_order_relaxed);
     writer.join();
     EXPECT_EQ(bad, 0);
     EXPECT_EQ(last_count, kEntries);
