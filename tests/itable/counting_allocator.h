@@ -1,0 +1,62 @@
+// An allocator for the indexed tables that records every block it hands
+// out, so a test can see what storage a table holds and whether it was
+// given back, and can make the n-th allocation fail.
+#pragma once
+
+#include <cstdlib>
+#include <set>
+
+#include <gtest/gtest.h>
+
+#include "itable.h"
+
+namespace corvex_test {
+
+class CountingAllocator {
+public:
+    CountingAllocator() = default;
+    CountingAllocator(const CountingAllocator&) = delete;
+    CountingAllocator& operator=(const CountingAllocator&) = delete;
+    ~CountingAllocator() {
+        for (void* p : live_) free(p);
+    }
+
+    static void* alloc(void* ctxt, size_t size) { return static_cast<CountingAllocator*>(ctxt)->take(size); }
+    static void release(void* ctxt, void* p) { static_cast<CountingAllocator*>(ctxt)->give_back(p); }
+
+    // Blocks handed out and not yet given back.
+    size_t live() const { return live_.size(); }
+    bool holds(const void* p) const { return live_.count(const_cast<void*>(p)) != 0; }
+    size_t allocations() const { return allocations_; }
+    size_t releases() const { return releases_; }
+    // The next `n` allocations succeed, every later one fails; -1 never fails.
+    void fail_after(int n) { budget_ = n; }
+
+private:
+    void* take(size_t size) {
+        if (budget_ == 0) return nullptr;
+        if (budget_ > 0) --budget_;
+        void* p = calloc(size, 1);
+        live_.insert(p);
+        ++allocations_;
+        return p;
+    }
+    void give_back(void* p) {
+        if (live_.erase(p) != 1) {
+            ADD_FAILURE() << "released a block this allocator did not hand out: " << p;
+            return;
+        }
+        ++releases_;
+        free(p);
+    }
+
+    std::set<void*> live_;
+    size_t allocations_ = 0;
+    size_t releases_ = 0;
+    int budget_ = -1;
+};
+
+// Distinct non-null values to store; never dereferenced by the tables.
+inline void* token(uintptr_t n) { return reinterpret_cast<void*>((n + 1) * 16); }
+
+}  // namespace corvex_test
