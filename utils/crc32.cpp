@@ -19,7 +19,14 @@
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <immintrin.h>
+// glibc's feature header is written in C; clang's C++ lacks its _Bool.
+#if defined(__clang__)
+#define _Bool bool
 #include <sys/platform/x86.h>
+#undef _Bool
+#else
+#include <sys/platform/x86.h>
+#endif
 #define CORVEX_CRC_CLMUL 1
 #endif
 
