@@ -161,6 +161,10 @@ TEST(DurationText, WordedForm) {
     EXPECT_EQ(text(2 * 604800000ull + 3 * 86400000ull + 2 * 3600000ull + 2 * 60000 + 2000, 0),
               "2 weeks, 3 days, 2 hours, 2 minutes, 2 seconds");
     EXPECT_EQ(text(90061001, 0x1 | 0x8 | 0x100), "1 day, 1 hour, 1 minute, 1 second");  // unknown flags
+    // The longest duration: the weeks are kept to 32 bits.
+    EXPECT_EQ(text(UINT64_MAX, TIME_STR_MSEC),
+              "435797832 weeks, 6 days, 14 hours, 25 minutes, 51 seconds, 615 milliseconds");
+    EXPECT_EQ(text(UINT64_MAX, TIME_STR_COMPACT | TIME_STR_MSEC), "3050584830+14:25:51.615");
 }
 
 TEST(DurationText, WordedFormWithMilliseconds) {
