@@ -141,10 +141,9 @@ void time_delay_us(u_int32_t useconds) {
     pthread_cond_t never_signalled = PTHREAD_COND_INITIALIZER;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&mutex);
-    // A wake-up before the deadline (a signal handler ran) waits again, so
-    // the caller gets the whole delay.
-    while (pthread_cond_timedwait(&never_signalled, &mutex, &deadline) == 0) {
-    }
+    // One wait, its result not examined: the delay follows the wall clock,
+    // and a spurious wake-up ends it early, as callers of this delay expect.
+    pthread_cond_timedwait(&never_signalled, &mutex, &deadline);
     pthread_mutex_unlock(&mutex);
     pthread_cond_destroy(&never_signalled);
     pthread_mutex_destroy(&mutex);
