@@ -299,3 +299,22 @@ TEST(HeapValidate, CorruptedSizeNeverLeadsOutsideTheRange) {
         },
         "Memory corruption in block 0x");
 }
+
+TEST(HeapValidate, ACorruptFreeNeighbourStopsTheMergeBeforeItsLinksAreFollowed) {
+    Three t;
+    t.free_b();
+    static list_item_t outside;
+    t.b->x.free.links.next = &outside;
+    EXPECT_DEATH(
+        {
+            corvex_test::syslog_echo_to_stderr(true);
+            heap_free(t.heap, data(t.a));
+        },
+        "HEAP: Invalid fnext pointer(.|\n)*Memory corruption in block 0x");
+    EXPECT_DEATH(
+        {
+            corvex_test::syslog_echo_to_stderr(true);
+            heap_free(t.heap, data(t.c));
+        },
+        "HEAP: Invalid fnext pointer(.|\n)*Memory corruption in block 0x");
+}
