@@ -2,11 +2,7 @@
 # family and a CMake package (find_package(corvex) -> corvex::corvex).
 include(CMakePackageConfigHelpers)
 
-set(corvex_install_targets corvex corvex_static corvex_cli)
-if(TARGET corvex_module)
-  list(APPEND corvex_install_targets corvex_module)
-endif()
-install(TARGETS ${corvex_install_targets} EXPORT corvexTargets
+install(TARGETS corvex corvex_static corvex_cli corvex_module EXPORT corvexTargets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
@@ -22,10 +18,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/corvexConfigVersion.cmake
 install(FILES ${PROJECT_BINARY_DIR}/corvexConfig.cmake ${PROJECT_BINARY_DIR}/corvexConfigVersion.cmake
   DESTINATION ${corvex_cmake_dir})
 
-set(corvex_host_libs "-lcorvex_cli")
-if(TARGET corvex_module)
-  string(APPEND corvex_host_libs " -lcorvex_module")
-endif()
+set(corvex_host_libs "-lcorvex_cli -lcorvex_module")
 file(RELATIVE_PATH corvex_pc_to_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 foreach(pc corvex corvex-host)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
