@@ -18,11 +18,10 @@
 
 #include "corvex_types.h"
 #include "heap.h"
+#include "host_module.h"
 #include "sheaf.h"
 
 CORVEX_BEGIN_DECLS
-
-struct _zrmodule; /* the module host library's module handle */
 
 #define PACKET_MAGIC 0x50616B20u        /* every header made by the library */
 #define PACKET_BUFFER_MAGIC 0x42756620u /* every buffer descriptor */
@@ -185,7 +184,7 @@ CORVEX_API void packet_module_init(void);
 CORVEX_API void packet_pool_init(sheaf_vector_t* user_vector, const packet_sheaf_block_t* sheaf_block,
                                  heap_t* buffer_heap);
 CORVEX_API void packet_task_start(void);
-CORVEX_API void packet_periodc_timer_start(struct _zrmodule* module);
+CORVEX_API void packet_periodc_timer_start(zrmodule* module);
 
 CORVEX_END_DECLS
 

@@ -12,6 +12,8 @@
 
 namespace corvex::packet {
 
+using corvex::GlbLockGuard;
+
 inline constexpr const char* kPacketSource = "packet/packet";
 inline constexpr const char* kSheafSource = "packet/sheaf";
 
@@ -51,7 +53,7 @@ static_assert(sizeof(packet_t) == 132 && offsetof(packet_t, refcount) == 16 && o
 static_assert(sizeof(packet_buffer_t) == 12 && offsetof(packet_buffer_t, data) == 12, "buffer descriptor layout");
 static_assert(sizeof(sheaf_t) == 76 && offsetof(sheaf_t, size) == 28 && offsetof(sheaf_t, nfree) == 72,
               "sheaf layout");
-static_assert(sizeof(packet_sheaf_block_t) == 20, "pool table row layout");
+static_assert(sizeof(packet_sheaf_block_t) == 24, "pool table row layout");
 #endif
 static_assert(sizeof(packet_stats_t) == 22 * 4, "twenty-two counter words");
 
