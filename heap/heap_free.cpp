@@ -1,0 +1,106 @@
+// Taking blocks back: reference counts, merging with free neighbours and
+// the checks that keep a bad pointer from writing outside its heap.
+#include <syslog.h>
+
+#include "kdebug.h"
+#include "priv_heap.h"
+
+namespace corvex::heap {
+
+namespace {
+
+// The heap whose range holds this header: the expected heap when it does,
+// else whichever registered heap does (null: the pointer is in no heap).
+heap_t* owner_of(heap_t* expect_heap, heap_block_t* block) {
+    if (heap_valid(expect_heap) && header_in_heap(expect_heap, block)) {
+        return expect_heap;
+    }
+    return heap_registered_owner(block);
+}
+
+// Grows `survivor` over the physically following `swallowed`; whichever of
+// the two was on a free list has been taken off it.
+void merge_into(heap_t* heap, heap_block_t* survivor, heap_block_t* swallowed) {
+    size_t old_size = survivor->size;
+    survivor->size += swallowed->size + kHeaderSize;
+    heap_block_t* after = next_block_addr(heap, survivor);
+    if (after != nullptr) {
+        after->prev = survivor;
+    }
+    heap->debug_proc.post_coalesce(data_of(survivor), survivor->size, old_size);
+    heap->stats.coalesces++;
+}
+
+}  // namespace
+
+void heap_block_return(heap_t* expect_heap, void* raw_block) {
+    if (raw_block == nullptr) {
+        return;
+    }
+    heap_block_t* block = block_of(raw_block);
+    heap_t* owner = owner_of(expect_heap, block);
+    if (owner == nullptr) {
+        heap_bp_failure();
+        syslog(LOG_ERR, "HEAP: Freeing %p, which lies in no heap\n", raw_block);
+        traceback("HEAP: Freeing a block of no heap");
+        return;
+    }
+    heap_t* heap = block->x.alloc.heap;
+    CORVEX_ASSERT(expect_heap == nullptr || heap == expect_heap, "heap == expect_heap", kSource);
+    // Only a registered heap is dereferenced; anything else in the heap word
+    // (a free-list link after a double release) is a bad heap.
+    if (heap != owner && !heap_is_registered(heap)) {
+        heap_bad_heap_panic(heap);
+    }
+    heap_block_validate(heap, block, TRUE, TRUE);
+    if (!block->header.allocated) {
+        traceback("Freeing an already freed block!");
+        heap_bp_failure();
+        heap_block_log(LOG_ERR, heap, block);
+        return;
+    }
+    if (!block_fits_heap(heap, block)) {
+        heap_block_extent_panic(heap, block);
+    }
+    switch (block->header.refcount) {
+        case HEAP_REFCOUNT_LOCKED:
+            return;
+        case 1:
+            break;
+        default:
+            block->header.refcount = block->header.refcount - 1;
+            return;
+    }
+    block->header.refcount = 0;
+    heap->stats.frees++;
+    heap->free_bytes += block->size + kHeaderSize;
+    if (heap->debug) {
+        syslog(LOG_DEBUG, "%s: HEAP(%s): Trying to free block %p\n", "heap_block_return", heap->name,
+               static_cast<void*>(block));
+    }
+    block->header.allocated = 0;
+    block->header.debug = 0;
+    block->header.pc_saved = 0;
+    heap->debug_proc.post_free(raw_block, heap_block_size(raw_block));
+
+    heap_block_t* merged = block;
+    heap_block_t* prev = block->prev;
+    if (prev != nullptr && !prev->header.allocated) {
+        heap_freelist_dequeue(heap, nullptr, prev);
+        merge_into(heap, prev, block);
+        merged = prev;
+    }
+    heap_block_t* next = next_block_addr(heap, merged);
+    if (next != nullptr && !next->header.allocated) {
+        heap_freelist_dequeue(heap, nullptr, next);
+        merge_into(heap, merged, next);
+    }
+    heap_freelist_enqueue(heap, nullptr, merged);
+}
+
+}  // namespace corvex::heap
+
+extern "C" void heap_free(heap_t* heap, void* addr) {
+    corvex::GlbLockGuard lock(corvex::heap::heap_lock(), corvex::heap::kSource, __LINE__);
+    corvex::heap::heap_block_return(heap, addr);
+}

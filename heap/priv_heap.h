@@ -1,0 +1,128 @@
+// What the heap modules share: block geometry, range checks, the global
+// lock and the internal operations behind the public entry points.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "heap.h"
+#include "priv_glb_lock.h"
+
+namespace corvex::heap {
+
+// The source name every heap message, lock site and assertion carries.
+inline constexpr const char kSource[] = "heap/heap";
+
+// Block geometry. On the 32-bit target the header is 24 bytes, the
+// smallest splittable excess 40 and the debug trailer 20; wider builds use
+// their own sizes, derived here once.
+inline constexpr size_t kHeaderSize = sizeof(heap_block_t);
+inline constexpr size_t kMinBlock = 16;
+inline constexpr size_t kSplitExcess = kHeaderSize + kMinBlock;
+inline constexpr size_t kTrailerSize = HEAP_TRAILER_GUARD_BYTES + sizeof(void*);
+inline constexpr size_t kAlign = 8;
+inline constexpr size_t kFreeHookLimit = 1048576;
+inline constexpr u_int32_t kOffsetField = static_cast<u_int32_t>(HEAP_BLOCK_OFFSET) & 0x3FFFu;
+inline constexpr u_int32_t kUpperMark = 0xFFE4u;
+
+static_assert(offsetof(heap_block_t, data) == kHeaderSize, "data follows the header directly");
+static_assert(kHeaderSize % kAlign == 0, "data areas stay 8-byte aligned");
+static_assert(sizeof(small_node_header_t) == 4, "the header word is one 32-bit word");
+#if UINTPTR_MAX == 0xffffffffu
+static_assert(kHeaderSize == 24 && kSplitExcess == 40 && kTrailerSize == 20, "target block geometry");
+static_assert(offsetof(heap_block_t, x) == 4 && offsetof(heap_block_t, size) == 12, "header field positions");
+static_assert(offsetof(heap_block_t, header) == 20, "header word position");
+static_assert(offsetof(heap_t, links) == 4, "registry link offset");
+#endif
+
+inline constexpr u_int32_t kFreelistLinkOffset = offsetof(heap_block_t, x.free.links);
+inline constexpr u_int32_t kHeapLinkOffset = offsetof(heap_t, links);
+
+inline GlbLock heap_lock() { return GlbLock{heap_alloc_glb_lock, heap_alloc_glb_lock_filname, heap_alloc_glb_lock_line}; }
+
+inline constexpr size_t round_up8(size_t n) { return (n + (kAlign - 1)) & ~(kAlign - 1); }
+
+inline u_int8_t* data_of(heap_block_t* block) { return reinterpret_cast<u_int8_t*>(block) + kHeaderSize; }
+inline heap_block_t* block_of(void* raw_block) {
+    return reinterpret_cast<heap_block_t*>(static_cast<u_int8_t*>(raw_block) - kHeaderSize);
+}
+inline heap_block_t* block_of_link(list_item_t* link) {
+    return link ? reinterpret_cast<heap_block_t*>(reinterpret_cast<u_int8_t*>(link) - kFreelistLinkOffset) : nullptr;
+}
+
+inline bool heap_valid(const heap_t* heap) { return heap != nullptr && heap->magic == HEAP_MAGIC; }
+
+inline uintptr_t heap_end(const heap_t* heap) { return heap->base + heap->size; }
+
+// Inside [base, base + size): the rule the heap's checks state.
+inline bool addr_in_heap(const heap_t* heap, const void* addr) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(addr);
+    return a >= heap->base && a - heap->base < heap->size;
+}
+
+// A header can be read at addr: aligned and wholly inside the range.
+inline bool header_in_heap(const heap_t* heap, const void* addr) {
+    uintptr_t a = reinterpret_cast<uintptr_t>(addr);
+    return a % alignof(heap_block_t) == 0 && a >= heap->base && a - heap->base <= heap->size &&
+           heap->size - (a - heap->base) >= kHeaderSize;
+}
+
+// The block's data area ends inside the range (its header already does).
+inline bool block_fits_heap(const heap_t* heap, heap_block_t* block) {
+    uintptr_t data = reinterpret_cast<uintptr_t>(data_of(block));
+    return block->size <= heap_end(heap) - data;
+}
+
+// Header of the physically next block, or null when the block ends at (or,
+// corrupted, past) the end of the range.
+inline heap_block_t* next_block_addr(const heap_t* heap, heap_block_t* block) {
+    uintptr_t data = reinterpret_cast<uintptr_t>(data_of(block));
+    if (block->size >= heap_end(heap) - data) {
+        return nullptr;
+    }
+    return reinterpret_cast<heap_block_t*>(data + block->size);
+}
+
+inline bool block_is_live(const heap_block_t* block) { return block->magic == HEAP_BLOCK_MAGIC; }
+
+inline bool header_word_marked(const heap_block_t* block) {
+    u_int32_t word;
+    std::memcpy(&word, &block->header, sizeof word);
+    return ((word >> 16) & 0xFFFCu) == kUpperMark;
+}
+
+inline u_int32_t header_word(const heap_block_t* block) {
+    u_int32_t word;
+    std::memcpy(&word, &block->header, sizeof word);
+    return word;
+}
+
+// Usable bytes: the trailer of a debug block is not the caller's.
+inline size_t usable_size(const heap_block_t* block) {
+    return block->header.debug ? block->size - kTrailerSize : block->size;
+}
+
+// The debug trailer lies inside the block and the range.
+inline bool trailer_in_heap(const heap_t* heap, heap_block_t* block) {
+    return block->size >= kTrailerSize && block_fits_heap(heap, block);
+}
+inline u_int8_t* trailer_of(heap_block_t* block) { return data_of(block) + block->size - kTrailerSize; }
+// Every guard byte of the trailer is intact (false when it lies outside).
+bool trailer_intact_in(heap_t* heap, heap_block_t* block);
+
+// Internal operations (one definition each, shared between the modules).
+void heap_block_create(heap_t* heap, heap_block_t* block, heap_block_t* prev, void* callers_pc);
+void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block);
+heap_block_t* heap_freelist_dequeue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block);
+void* heap_block_get(heap_t* heap, size_t size, void* callers_pc);
+void heap_block_return(heap_t* heap, void* raw_block);
+status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean noisy, boolean active);
+[[noreturn]] void heap_bad_heap_panic(heap_t* heap);
+// A block whose size runs past the end of its heap: report, then panic.
+[[noreturn]] void heap_block_extent_panic(heap_t* heap, heap_block_t* block);
+// The registered heap whose range holds a header at addr, or null.
+heap_t* heap_registered_owner(const void* addr);
+bool heap_is_registered(const heap_t* heap);
+
+}  // namespace corvex::heap
