@@ -18,7 +18,7 @@ using namespace packet_test;
 namespace {
 
 constexpr int kDrivers = 4;
-constexpr int kIterations = 4000;
+constexpr int kIterations = 20000;
 constexpr packet_length_t kSizes[] = {60, 128, 300, 900, 1518, 2500};
 
 const packet_sheaf_block_t kTable[] = {
