@@ -21,6 +21,15 @@ extern "C" void cli_output_redirect(cli_output_sink_t sink, void* context) {
     current_target = OutputTarget{sink, context};
 }
 
+extern "C" void cli_output_current(cli_output_sink_t* sink, void** context) {
+    *sink = current_target.sink;
+    *context = current_target.context;
+}
+
+extern "C" void cli_output_file_sink(void* file, const char* text, size_t length) {
+    fwrite(text, 1, length, static_cast<FILE*>(file));
+}
+
 extern "C" int parser_printf(const char* format, ...) {
     char small[512];
     va_list args;

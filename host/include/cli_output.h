@@ -17,6 +17,12 @@ typedef void (*cli_output_sink_t)(void* context, const char* text, size_t length
 /* Sends the calling thread's parser_printf text to sink; null restores stdout. */
 void cli_output_redirect(cli_output_sink_t sink, void* context);
 
+/* The calling thread's destination (null sink: stdout), to restore it later. */
+void cli_output_current(cli_output_sink_t* sink, void** context);
+
+/* A sink writing to a stdio stream: pass the FILE* as context. */
+void cli_output_file_sink(void* file, const char* text, size_t length);
+
 #ifdef __cplusplus
 }
 #endif

@@ -225,12 +225,14 @@ extern "C" zrmodule_timer* zrmodule_timer_ucreate(zrmodule* module, const char* 
 
 extern "C" int zrmodule_destroy(zrmodule* module) {
     if (module == nullptr || module == current_module) return 22;
+    bool join = false;
     {
         std::lock_guard guard(module->lock);
         module->stop_requested = true;
+        join = module->thread_started;
         module->wake.notify_one();
     }
-    if (module->thread_started) pthread_join(module->thread, nullptr);
+    if (join) pthread_join(module->thread, nullptr);
     auto& all = registry();
     {
         std::lock_guard guard(all.lock);
