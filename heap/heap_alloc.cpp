@@ -72,7 +72,7 @@ void check_found_block(heap_t* heap, heap_block_t* block) {
 
 void split_block(heap_t* heap, heap_block_t* block, size_t rounded) {
     auto* fragment = reinterpret_cast<heap_block_t*>(data_of(block) + rounded);
-    heap_block_t* old_next = next_block_addr(heap, block);
+    heap_block_t* old_next = next_header_in_heap(heap, block);
     fragment->size = block->size - kHeaderSize - rounded;
     block->size = rounded;
     heap_block_create(heap, fragment, block, nullptr);

@@ -23,7 +23,7 @@ heap_t* owner_of(heap_t* expect_heap, heap_block_t* block) {
 void merge_into(heap_t* heap, heap_block_t* survivor, heap_block_t* swallowed) {
     size_t old_size = survivor->size;
     survivor->size += swallowed->size + kHeaderSize;
-    heap_block_t* after = next_block_addr(heap, survivor);
+    heap_block_t* after = next_header_in_heap(heap, survivor);
     if (after != nullptr) {
         after->prev = survivor;
     }
@@ -83,15 +83,19 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
     block->header.pc_saved = 0;
     heap->debug_proc.post_free(raw_block, heap_block_size(raw_block));
 
+    // A free neighbour's list links are about to be followed and written:
+    // it is checked like the released block first.
     heap_block_t* merged = block;
     heap_block_t* prev = block->prev;
     if (prev != nullptr && !prev->header.allocated) {
+        heap_block_validate(heap, prev, TRUE, TRUE);
         heap_freelist_dequeue(heap, nullptr, prev);
         merge_into(heap, prev, block);
         merged = prev;
     }
-    heap_block_t* next = next_block_addr(heap, merged);
+    heap_block_t* next = next_header_in_heap(heap, merged);
     if (next != nullptr && !next->header.allocated) {
+        heap_block_validate(heap, next, TRUE, TRUE);
         heap_freelist_dequeue(heap, nullptr, next);
         merge_into(heap, merged, next);
     }

@@ -36,30 +36,41 @@ void freelist_index_rebuild(heap_t* heap) {
     }
 }
 
+// Number of sized lists: the index is ordered by ascending size and ends
+// with the default list (size 0).
+size_t sized_count(const heap_t* heap) {
+    size_t lists = heap->freelist.item_count;
+    return lists > 0 && heap->freelist_size[lists - 1].size == 0 ? lists - 1 : lists;
+}
+
+// First index entry whose size is at least `size` (sized_count when none is).
+size_t first_at_least(const heap_t* heap, size_t sized, size_t size) {
+    size_t low = 0, high = sized;
+    while (low < high) {
+        size_t mid = (low + high) / 2;
+        if (heap->freelist_size[mid].size < size) {
+            low = mid + 1;
+        } else {
+            high = mid;
+        }
+    }
+    return low;
+}
+
 // The list a free block of this size belongs on: the largest sized list not
 // above it, or the default list for blocks at least as large as the largest
 // sized list. A block smaller than every sized list also goes to the
 // default list, whose search checks sizes, so no sized list ever holds a
 // block below its own size.
 heap_freelist_t* freelist_for_block(heap_t* heap, size_t block_size) {
-    const auto& index = heap->freelist_size;
-    if (index[0].size == 0 || block_size < index[0].size) {
-        for (size_t k = 0; k < HEAP_FREELIST_MAX; ++k) {
-            if (index[k].size == 0) {
-                return index[k].freelist;
-            }
-        }
-        return nullptr;
+    size_t sized = sized_count(heap);
+    heap_freelist_t* deflt = sized < heap->freelist.item_count ? heap->freelist_size[sized].freelist : nullptr;
+    if (sized == 0 || block_size < heap->freelist_size[0].size) {
+        return deflt;
     }
-    for (size_t k = 1; k < HEAP_FREELIST_MAX; ++k) {
-        if (index[k].size == 0) {
-            return index[k].freelist;
-        }
-        if (block_size < index[k].size) {
-            return index[k - 1].freelist;
-        }
-    }
-    return nullptr;
+    // Entries up to k hold sizes <= block_size; the last sized list only bounds.
+    size_t k = first_at_least(heap, sized, block_size + 1);
+    return k < sized ? heap->freelist_size[k - 1].freelist : deflt;
 }
 
 }  // namespace
@@ -173,20 +184,17 @@ status_t heap_freelist_create(heap_t* heap, size_t size) {
     return 0;
 }
 
+// Reads only the compact index: a binary search to the first list large
+// enough, then the first of those that holds a block.
 heap_freelist_t* heap_freelist_find_by_size(heap_t* heap, size_t size, boolean empty_check) {
     const auto& index = heap->freelist_size;
-    if (index[0].size == 0) {
-        return index[0].freelist;
-    }
-    for (size_t k = 0; k + 1 < HEAP_FREELIST_MAX; ++k) {
-        if (index[k].size >= size && (!empty_check || index[k].freelist->blocks.head != nullptr)) {
+    size_t sized = sized_count(heap);
+    for (size_t k = first_at_least(heap, sized, size); k < sized; ++k) {
+        if (!empty_check || index[k].freelist->blocks.head != nullptr) {
             return index[k].freelist;
         }
-        if (index[k + 1].size == 0) {
-            return index[k + 1].freelist;
-        }
     }
-    return index[HEAP_FREELIST_MAX - 1].freelist;
+    return index[sized < HEAP_FREELIST_MAX ? sized : HEAP_FREELIST_MAX - 1].freelist;
 }
 
 u_int32_t heap_best_fit_freelist_size(heap_t* heap, size_t size) {

@@ -84,6 +84,13 @@ inline heap_block_t* next_block_addr(const heap_t* heap, heap_block_t* block) {
     return reinterpret_cast<heap_block_t*>(data + block->size);
 }
 
+// The next block when a whole header of it lies in the range: the only
+// kind whose fields may be read or written.
+inline heap_block_t* next_header_in_heap(const heap_t* heap, heap_block_t* block) {
+    heap_block_t* next = next_block_addr(heap, block);
+    return next != nullptr && header_in_heap(heap, next) ? next : nullptr;
+}
+
 inline bool block_is_live(const heap_block_t* block) { return block->magic == HEAP_BLOCK_MAGIC; }
 
 inline bool header_word_marked(const heap_block_t* block) {
