@@ -195,7 +195,7 @@ TEST(HeapShowBlock, AllocatedFreeLockedAndBadAddresses) {
     // Typed addresses whose header would lie outside the range: nothing read.
     static char elsewhere[64];
     for (void* typed : {static_cast<void*>(elsewhere + 32), reinterpret_cast<void*>(heap->base),
-                        reinterpret_cast<void*>(heap->base + heap->size - 4), reinterpret_cast<void*>(8),
+                        reinterpret_cast<void*>(heap->base + heap->size + 8), reinterpret_cast<void*>(8),
                         static_cast<void*>(static_cast<char*>(b) + 3)}) {
         CliCapture cap;
         heap_show_block(heap, typed);
