@@ -85,6 +85,33 @@ TEST(PacketPools, ChainFollowsTheTableReversedWithIdsInTableOrder) {
     EXPECT_GE(heap_block_size(resting->buffer), sizeof(packet_buffer_t) + 1616 + 4);
 }
 
+TEST(PacketPools, BufferLayoutForA1500ByteFrame) {
+    sheaf_vector_t vector = {packet_alloc, packet_free};
+    sheaf_t* sheaf = sheaf_create("1500", 1500, 0, 2, 1, &vector, nullptr);
+    ASSERT_NE(sheaf, nullptr);
+    packet_t* p = sheaf->packets;
+    ASSERT_NE(p, nullptr);
+    ASSERT_NE(p->buffer, nullptr);
+    EXPECT_EQ(p->buffer->maximum, 1596);
+    EXPECT_EQ(p->buffer->refcount, 0);
+    EXPECT_EQ(p->buffer_start, p->buffer->data);
+    EXPECT_EQ(p->frame_start, nullptr) << "set at hand-out";
+    EXPECT_EQ(reinterpret_cast<char*>(p->buffer->data) - reinterpret_cast<char*>(p->buffer), sizeof(packet_buffer_t));
+    u_int32_t guard;
+    std::memcpy(&guard, p->buffer->data + 1596, 4);
+    EXPECT_EQ(guard, PACKET_BUFFER_GUARD);
+    // Descriptor, data area and guard word in one block of the buffer heap.
+    EXPECT_GE(heap_block_size(p->buffer), sizeof(packet_buffer_t) + 1596 + 4);
+    EXPECT_LT(heap_block_size(p->buffer), sizeof(packet_buffer_t) + 1596 + 4 + 40);
+    // Taken by sheaf, the buffer keeps the size it was made for.
+    packet_t* taken = packet_get_from_sheaf(sheaf);
+    ASSERT_EQ(taken, p);
+    EXPECT_EQ(taken->buffer->maximum, 1596);
+    EXPECT_EQ(taken->frame_start - taken->buffer_start, 64);
+    packet_return(taken);
+    EXPECT_TRUE(sheaf_destroy(sheaf));
+}
+
 TEST(PacketGet, TakesTheFirstFittingSheafAndResetsOnlyTheHeader) {
     struct Case {
         packet_length_t length;
