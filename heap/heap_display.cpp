@@ -193,7 +193,7 @@ void heap_show_block(heap_t* heap, void* raw_block) {
     parser_printf("Heap block: Header Address: %p\n", static_cast<void*>(block));
     parser_printf("Heap block: Data   Address: %p\n\n", raw_block);
     // An operator may type any address: nothing outside the range is read.
-    if (reinterpret_cast<uintptr_t>(raw_block) < kHeaderSize || !header_in_heap(heap, block)) {
+    if (!header_in_heap(heap, block)) {
         parser_printf("Not a block of heap %p (%p - %p)\n", static_cast<void*>(heap),
                       reinterpret_cast<void*>(heap->base), reinterpret_cast<void*>(heap_end(heap)));
         parser_printf("\n******** FAILED VALIDITY CHECKS **********\n\n");

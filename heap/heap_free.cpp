@@ -48,9 +48,14 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
     heap_t* heap = block->x.alloc.heap;
     CORVEX_ASSERT(expect_heap == nullptr || heap == expect_heap, "heap == expect_heap", kSource);
     // Only a registered heap is dereferenced; anything else in the heap word
-    // (a free-list link after a double release) is a bad heap.
-    if (heap != owner && !heap_is_registered(heap)) {
-        heap_bad_heap_panic(heap);
+    // (a free-list link after a double release) is a bad heap. A block that
+    // names another registered heap is checked against the heap it lies in,
+    // where its heap word fails.
+    if (heap != owner) {
+        if (!heap_is_registered(heap)) {
+            heap_bad_heap_panic(heap);
+        }
+        heap = owner;
     }
     heap_block_validate(heap, block, TRUE, TRUE);
     if (!block->header.allocated) {

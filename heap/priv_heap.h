@@ -44,8 +44,10 @@ inline GlbLock heap_lock() { return GlbLock{heap_alloc_glb_lock, heap_alloc_glb_
 inline constexpr size_t round_up8(size_t n) { return (n + (kAlign - 1)) & ~(kAlign - 1); }
 
 inline u_int8_t* data_of(heap_block_t* block) { return reinterpret_cast<u_int8_t*>(block) + kHeaderSize; }
+// Integer arithmetic: the pointer may be anything a caller typed, and is
+// range-checked only after this.
 inline heap_block_t* block_of(void* raw_block) {
-    return reinterpret_cast<heap_block_t*>(static_cast<u_int8_t*>(raw_block) - kHeaderSize);
+    return reinterpret_cast<heap_block_t*>(reinterpret_cast<uintptr_t>(raw_block) - kHeaderSize);
 }
 inline heap_block_t* block_of_link(list_item_t* link) {
     return link ? reinterpret_cast<heap_block_t*>(reinterpret_cast<u_int8_t*>(link) - kFreelistLinkOffset) : nullptr;

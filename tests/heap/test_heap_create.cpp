@@ -124,6 +124,7 @@ TEST(HeapCreate, RangeTooSmallIsRefusedWithoutTouchingIt) {
     EXPECT_EQ(heap->size, 0u);
     EXPECT_EQ(heap_malloc(heap, 1), nullptr);
     EXPECT_EQ(walk(heap), 1000);
+    std::free(heap);  // never registered
     // The smallest usable range: one header and a 16-byte block.
     heap_t* smallest = new_record();
     ASSERT_EQ(heap_create(smallest, first, first + kHdr + 16, const_cast<char*>("smallest")), 0);
