@@ -52,26 +52,25 @@ void packet_reset_for_handout(packet_t* packet) {
 // The take, checks and reset common to both get operations. `sized` is set
 // for packet_get: the buffer is then described for exactly `length`.
 packet_t* packet_get_inline(sheaf_t* sheaf, packet_length_t length, bool sized, void* pc) {
+    stat_add(packet_stats.get_requests);
     packet_t* packet = nullptr;
-    {
+    if (sheaf != nullptr) {
+        // Only the pool is shared: the lock covers the take, nothing more.
         GlbLockGuard lock(kPacketGlbLock, kPacketSource, __LINE__);
-        stat_add(packet_stats.get_requests);
-        if (sheaf != nullptr) {
-            packet = sheaf_malloc(sheaf, length);
-            if (packet != nullptr && sized && length > sheaf->size && sheaf_makes_buffers(sheaf) &&
-                !buffer_fits(packet, length)) {
-                sheaf_free_inline(sheaf, packet);
-                packet = sheaf_alloc_inline(sheaf, length, FALSE);
-            }
+        packet = sheaf_malloc(sheaf, length);
+        if (packet != nullptr && sized && length > sheaf->size && sheaf_makes_buffers(sheaf) &&
+            !buffer_fits(packet, length)) {
+            sheaf_free_inline(sheaf, packet);
+            packet = sheaf_alloc_inline(sheaf, length, FALSE);
         }
-        if (!packet_is_valid_inline(packet)) {
-            stat_add(packet_stats.get_failures);
-            return nullptr;
-        }
-        packet_reset_for_handout(packet);
-        stat_add(packet_stats.get_successes);
+    }
+    if (!packet_is_valid_inline(packet)) {
+        stat_add(packet_stats.get_failures);
+        return nullptr;
     }
     // The caller owns the packet alone from here on.
+    packet_reset_for_handout(packet);
+    stat_add(packet_stats.get_successes);
     if (sized && packet->buffer != nullptr && sheaf_makes_buffers(packet->sheaf)) {
         packet->buffer->maximum = static_cast<packet_length_t>(buffer_maximum_for(length));
         buffer_guard_write(packet->buffer);
