@@ -83,10 +83,13 @@ void drive(unsigned seed, Failures& failures) {
             case 0:
                 packet_return(p);
                 break;
-            case 1: {  // a clone for another driver; the original goes back first
-                packet_t* clone = packet_clone(p);
-                if (clone == nullptr) ++failures.gets;
-                else bag_put(clone);
+            case 1: {  // clones for other drivers, which may return the first
+                       // while the second is being linked; the original goes back first
+                for (int n = 0; n < 2; ++n) {
+                    packet_t* clone = packet_clone(p);
+                    if (clone == nullptr) ++failures.gets;
+                    else bag_put(clone);
+                }
                 packet_return(p);
                 break;
             }
