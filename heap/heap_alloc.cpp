@@ -136,7 +136,7 @@ void* heap_block_get(heap_t* heap, size_t size, void* callers_pc) {
     }
     heap_block_create(heap, block, block->prev, callers_pc);
     void* data = data_of(block);
-    heap->debug_proc.pre_alloc(data, heap_block_size(data));
+    heap->debug_proc.pre_alloc(data, usable_size(block));
     heap->stats.allocs++;
     heap->free_bytes -= block->size + kHeaderSize;
     if (heap->free_bytes < heap->available_bytes_watermark) {

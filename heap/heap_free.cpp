@@ -86,7 +86,7 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
     block->header.allocated = 0;
     block->header.debug = 0;
     block->header.pc_saved = 0;
-    heap->debug_proc.post_free(raw_block, heap_block_size(raw_block));
+    heap->debug_proc.post_free(raw_block, usable_size(block));
 
     // A free neighbour's list links are about to be followed and written:
     // it is checked like the released block first.

@@ -305,3 +305,33 @@ TEST(HeapHooks, DefaultFreeFillWritesWholeWordsOnly) {
     EXPECT_EQ(big[1048576 / 4 - 1], 0xDEADBEEFu);
     EXPECT_EQ(big[1048576 / 4], 7u);
 }
+
+namespace {
+// A hook that leaves the released block marked allocated.
+void remark_allocated(void* p, size_t) { hdr(p)->header.allocated = 1; }
+}  // namespace
+
+TEST(HeapHooks, AnAllocatedBlockIsNeverPutOnAFreeList) {
+    heap_t* heap = make_heap(65536);
+    void* a = heap_malloc(heap, 64);
+    void* guard = heap_malloc(heap, 16);
+    heap_debug_proc_t hooks;
+    heap_get_default_debug_proc(&hooks);
+    hooks.post_free = remark_allocated;
+    heap_set_debug_proc(heap, &hooks);
+    auto log = block_log_of(heap, hdr(a));
+    u_int32_t failures = heap_bp_failure_count;
+    syslog_clear();
+    heap_free(heap, a);
+    auto texts = log_texts();
+    ASSERT_GE(texts.size(), 5u);
+    EXPECT_EQ(texts.back(), "traceback: HEAP: Tried to enqueue alloc'd block\n");
+    EXPECT_EQ(std::vector<std::string>(texts.begin(), texts.begin() + 4), std::vector<std::string>(log.begin(), log.begin() + 4));
+    EXPECT_EQ(heap_bp_failure_count, failures + 2);  // the refusal and its block log
+    EXPECT_EQ(hdr(a)->freelist_id, 0x20u);            // on no list
+    EXPECT_EQ(texts[texts.size() - 2], "\nHEAP: ******** FAILED VALIDITY CHECKS **********\n\n");  // refcount 0
+    EXPECT_EQ(heap->free_bytes, heap->size - kHdr - 16);  // counted free, though on no list
+    heap_get_default_debug_proc(&hooks);
+    heap_set_debug_proc(heap, &hooks);
+    heap_free(heap, guard);
+}
