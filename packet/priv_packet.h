@@ -1,0 +1,111 @@
+// Shared inside the packet subsystem: the global lock, counter and
+// reference-count helpers, buffer geometry, and the entry points that carry
+// the public caller's code address through internal calls.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <cstring>
+
+#include "packet_var.h"
+#include "priv_glb_lock.h"
+
+namespace corvex::packet {
+
+using corvex::GlbLockGuard;
+
+inline constexpr const char* kPacketSource = "packet/packet";
+inline constexpr const char* kSheafSource = "packet/sheaf";
+
+inline const GlbLock kPacketGlbLock{packet_glb_lock, packet_glb_lock_filname, packet_glb_lock_line};
+
+// Counters are shared by every thread; the displays read them without the lock.
+inline void stat_add(packet_counter_t& counter) {
+    std::atomic_ref<packet_counter_t>(counter).fetch_add(1, std::memory_order_relaxed);
+}
+inline packet_counter_t stat_read(packet_counter_t& counter) {
+    return std::atomic_ref<packet_counter_t>(counter).load(std::memory_order_relaxed);
+}
+// Error sites are 32-bit code addresses; wider builds keep the low half.
+inline void stat_record_pc(u_int32_t& word, void* pc) {
+    std::atomic_ref<u_int32_t>(word).store(static_cast<u_int32_t>(reinterpret_cast<uintptr_t>(pc)),
+                                           std::memory_order_relaxed);
+}
+
+// Reference counts of headers and buffers. Decrements and increments by one
+// may run outside the lock (clone linking), so every access is atomic.
+inline packet_refcount_t refcount_load(packet_refcount_t& count) {
+    return std::atomic_ref<packet_refcount_t>(count).load(std::memory_order_acquire);
+}
+inline void refcount_store(packet_refcount_t& count, packet_refcount_t value) {
+    std::atomic_ref<packet_refcount_t>(count).store(value, std::memory_order_release);
+}
+inline void refcount_add(packet_refcount_t& count, packet_refcount_t delta) {
+    std::atomic_ref<packet_refcount_t>(count).fetch_add(delta, std::memory_order_acq_rel);
+}
+
+static_assert(sizeof(packet_buffer_t) % 4 == 0, "descriptor keeps the data area word-aligned");
+#if UINTPTR_MAX == 0xffffffffu
+static_assert(sizeof(packet_t) == 132 && offsetof(packet_t, refcount) == 16 && offsetof(packet_t, length) == 68 &&
+                  offsetof(packet_t, buffer) == 72 && offsetof(packet_t, timestamp) == 108 &&
+                  offsetof(packet_t, pc) == 124 && offsetof(packet_t, code_point) == 129,
+              "packet header layout");
+static_assert(sizeof(packet_buffer_t) == 12 && offsetof(packet_buffer_t, data) == 12, "buffer descriptor layout");
+static_assert(sizeof(sheaf_t) == 76 && offsetof(sheaf_t, size) == 28 && offsetof(sheaf_t, nfree) == 72,
+              "sheaf layout");
+static_assert(sizeof(packet_sheaf_block_t) == 24, "pool table row layout");
+#endif
+static_assert(sizeof(packet_stats_t) == 22 * 4, "twenty-two counter words");
+
+// The largest data area a 16-bit `maximum` describes with the guard word
+// still word-aligned behind it.
+inline constexpr u_int32_t kLargestMaximum = 65532;
+
+inline u_int32_t round_up4(u_int32_t n) { return (n + 3u) & ~3u; }
+
+// Data-area size for frames of `frame_size` bytes: headroom, frame, tail room.
+inline u_int32_t buffer_maximum_for(u_int32_t frame_size) {
+    return round_up4(frame_size + packet_encap_bytes + packet_trailer_bytes);
+}
+// Heap request for such a buffer: descriptor, data area and guard word.
+inline u_int32_t buffer_block_bytes_for(u_int32_t frame_size) {
+    return buffer_maximum_for(frame_size) + static_cast<u_int32_t>(sizeof(packet_buffer_t)) + 4u;
+}
+
+inline u_int32_t buffer_guard_read(const packet_buffer_t* buffer) {
+    u_int32_t word;
+    std::memcpy(&word, buffer->data + buffer->maximum, sizeof word);
+    return word;
+}
+inline void buffer_guard_write(packet_buffer_t* buffer) {
+    const u_int32_t word = PACKET_BUFFER_GUARD;
+    std::memcpy(buffer->data + buffer->maximum, &word, sizeof word);
+}
+// Data bytes the buffer's heap block can describe, the guard word kept.
+inline u_int32_t buffer_capacity(packet_buffer_t* buffer) {
+    const u_int32_t block = heap_block_size(buffer);
+    const u_int32_t overhead = static_cast<u_int32_t>(sizeof(packet_buffer_t)) + 4u;
+    return block > overhead ? block - overhead : 0;
+}
+
+// Packets of such a sheaf carry buffers of packet_buffer_heap with a guard word.
+inline bool sheaf_makes_buffers(const sheaf_t* sheaf) {
+    return sheaf != nullptr && sheaf->vector != nullptr && sheaf->vector->alloc == packet_alloc;
+}
+
+inline bool packet_is_valid_inline(const packet_t* packet) {
+    return packet != nullptr && packet->magic == PACKET_MAGIC &&
+           (packet->buffer == nullptr || packet->buffer->magic == PACKET_BUFFER_MAGIC);
+}
+inline bool packet_is_clone(const packet_t* packet) { return packet->clone_prev != nullptr; }
+inline packet_t* packet_original(const packet_t* packet) {
+    return packet->buffer != nullptr ? packet->buffer->packet : nullptr;
+}
+
+// Internal forms of the public entries: `pc` is the code address of the
+// public caller, recorded in the header and in the error counters.
+packet_t* packet_get_at(packet_length_t length, void* pc);
+packet_t* packet_get_from_sheaf_at(sheaf_t* sheaf, void* pc);
+void packet_return_at(packet_t* packet, void* pc);
+
+}  // namespace corvex::packet

@@ -1,0 +1,320 @@
+// Sheaves with a counting vector: creation, take and give-back, reserve
+// refill, the background tick (grow, shrink, leak check), destruction.
+#include <csignal>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "packet_fixture.h"
+#include "recording_module.h"
+#include "syslog_capture.h"
+
+using namespace packet_test;
+
+namespace {
+
+// Header-only packets from the process allocator; `budget` packets can be
+// made before the vector reports that it has nothing.
+int budget = 1 << 30;
+int made = 0;
+int destroyed = 0;
+
+packet_t* counting_alloc(sheaf_t* sheaf, packet_length_t) {
+    if (budget == 0) return nullptr;
+    --budget;
+    ++made;
+    auto* packet = static_cast<packet_t*>(std::calloc(1, sizeof(packet_t)));
+    packet->magic = PACKET_MAGIC;
+    packet->sheaf = sheaf;
+    return packet;
+}
+
+boolean counting_free(sheaf_t*, packet_t* packet) {
+    ++destroyed;
+    std::free(packet);
+    return TRUE;
+}
+
+sheaf_vector_t counting_vector = {counting_alloc, counting_free};
+
+class SheafTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        budget = 1 << 30;
+        made = destroyed = 0;
+        corvex_test::syslog_clear();
+    }
+    void TearDown() override {
+        for (sheaf_t* sheaf : sheaves_) {
+            under_packet_lock([&] { EXPECT_TRUE(sheaf_destroy(sheaf)); });
+        }
+    }
+    // A sheaf that the test's end destroys (all its packets back by then).
+    sheaf_t* make(const char* name, u_int32_t min, u_int32_t max, u_int32_t init) {
+        sheaf_t* sheaf = sheaf_create(name, 0, min, max, init, &counting_vector, nullptr);
+        EXPECT_NE(sheaf, nullptr);
+        if (sheaf != nullptr) sheaves_.push_back(sheaf);
+        return sheaf;
+    }
+    std::vector<sheaf_t*> sheaves_;
+};
+
+// The background tick, as the module library would run it.
+void tick() {
+    static zrmodule_timer_func periodic = [] {
+        sheaf_spawn_perodic_task();
+        return recorded_timer("Sheaf Periodic");
+    }();
+    ASSERT_NE(periodic, nullptr);
+    periodic(nullptr, 5000);
+}
+
+size_t walk_count(sheaf_t* sheaf) {
+    size_t n = 0;
+    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next) ++n;
+    return n;
+}
+
+TEST_F(SheafTest, CreationMakesInitPacketsUpToMax) {
+    sheaf_t* sheaf = make("pool", 0, 20, 50);
+    ASSERT_NE(sheaf, nullptr);
+    EXPECT_EQ(sheaf->init, 20u);
+    EXPECT_EQ(sheaf->total, 20u);
+    EXPECT_EQ(sheaf->free, 20u);
+    EXPECT_EQ(walk_count(sheaf), 20u);
+    EXPECT_EQ(sheaf->nalloc, 20u);
+    EXPECT_EQ(sheaf->high_thresh, 20u);
+    EXPECT_EQ(sheaf->nfree, 0u);
+    EXPECT_EQ(sheaf->flags, 0u);
+    EXPECT_STREQ(sheaf->name, "pool");
+    EXPECT_EQ(sheaf->vector, &counting_vector);
+    EXPECT_EQ(packet_glb_lock_filname, std::string("packet/sheaf"));
+    sheaf_t* next = make(nullptr, 0, 1, 0);
+    EXPECT_EQ(next->id, sheaf->id + 1);
+    EXPECT_EQ(next->total, 0u);
+}
+
+TEST_F(SheafTest, VectorFailureStopsCreationAndTakes) {
+    budget = 2;
+    sheaf_t* sheaf = make("scarce", 0, 8, 5);
+    EXPECT_EQ(sheaf->total, 2u);
+    EXPECT_EQ(sheaf->nalloc, 3u);
+    EXPECT_EQ(sheaf->nempty, 1u);
+    under_packet_lock([&] {
+        packet_t* a = sheaf_malloc(sheaf, 0);
+        packet_t* b = sheaf_malloc(sheaf, 0);
+        EXPECT_NE(a, nullptr);
+        EXPECT_NE(b, nullptr);
+        EXPECT_EQ(sheaf_malloc(sheaf, 0), nullptr);
+        EXPECT_EQ(sheaf->nempty, 2u);
+        sheaf_free(sheaf, a);
+        sheaf_free(sheaf, b);
+    });
+}
+
+TEST_F(SheafTest, MaxZeroKeepsNothing) {
+    sheaf_t* sheaf = make("passthrough", 0, 0, 5);
+    EXPECT_EQ(sheaf->init, 0u);
+    EXPECT_EQ(sheaf->total, 0u);
+    under_packet_lock([&] {
+        for (u_int32_t i = 1; i <= 3; ++i) {
+            packet_t* p = sheaf_malloc(sheaf, 0);
+            ASSERT_NE(p, nullptr);
+            EXPECT_EQ(sheaf->total, 1u);
+            sheaf_free(sheaf, p);
+            EXPECT_EQ(sheaf->nfree, i);
+            EXPECT_EQ(sheaf->total, 0u);
+            EXPECT_EQ(sheaf->free, 0u);
+        }
+    });
+    EXPECT_EQ(destroyed, 3);
+}
+
+TEST_F(SheafTest, TakeRefillsTheReserveFirst) {
+    sheaf_t* sheaf = make("reserve", 4, 8, 2);
+    ASSERT_EQ(sheaf->free, 2u);
+    under_packet_lock([&] {
+        packet_t* p = sheaf_malloc(sheaf, 0);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(made, 5);
+        EXPECT_EQ(sheaf->free, 4u);
+        EXPECT_EQ(sheaf->total, 5u);
+        EXPECT_EQ(p->sheaf_next, nullptr);
+        sheaf_free(sheaf, p);
+        EXPECT_EQ(sheaf->free, 5u);
+    });
+}
+
+TEST_F(SheafTest, ReserveTheFreeListCannotHoldIsRefused) {
+    sheaf_t* before = make("before", 0, 1, 0);
+    EXPECT_EQ(sheaf_create("equal", 0, 4, 4, 0, &counting_vector, nullptr), nullptr);
+    EXPECT_EQ(sheaf_create("below", 0, 4, 2, 0, &counting_vector, nullptr), nullptr);
+    EXPECT_EQ(made, 0);
+    sheaf_t* after = make("after", 4, 5, 0);
+    EXPECT_EQ(after->id, before->id + 1) << "a refused sheaf takes no id";
+}
+
+TEST_F(SheafTest, RefillStaysBoundedWhenMaxIsLoweredBelowTheReserve) {
+    sheaf_t* sheaf = make("lowered", 4, 8, 0);
+    sheaf->max = 3;
+    under_packet_lock([&] {
+        packet_t* p = sheaf_malloc(sheaf, 0);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(sheaf->nfree, 0u) << "no packet made only to be destroyed";
+        EXPECT_EQ(sheaf->free, 2u);
+        sheaf_free(sheaf, p);
+    });
+    tick();
+    EXPECT_EQ(sheaf->free, 3u);
+    EXPECT_EQ(sheaf->nfree, 0u);
+    sheaf->max = 8;
+}
+
+TEST_F(SheafTest, TickGrowsToTheReserveAndShrinksToMax) {
+    sheaf_t* sheaf = make("tuned", 3, 6, 0);
+    tick();
+    EXPECT_EQ(sheaf->free, 3u);
+    EXPECT_EQ(sheaf->total, 3u);
+    under_packet_lock([&] {
+        std::vector<packet_t*> out;  // taken without the reserve refill
+        for (int i = 0; i < 6; ++i) out.push_back(sheaf_alloc_inline(sheaf, 0, TRUE));
+        for (packet_t* p : out) sheaf_free(sheaf, p);
+    });
+    EXPECT_EQ(sheaf->free, 6u);
+    sheaf->max = 2;
+    const u_int32_t total = sheaf->total;
+    tick();
+    EXPECT_EQ(sheaf->free, 2u);
+    EXPECT_EQ(walk_count(sheaf), 2u);
+    EXPECT_EQ(total, 6u);
+    EXPECT_EQ(sheaf->total, 2u);
+    EXPECT_EQ(sheaf->nfree, 4u);
+    EXPECT_EQ(packet_glb_lock_filname, std::string("packet/sheaf"));
+    sheaf->max = 6;
+}
+
+TEST_F(SheafTest, LeakIsReportedOnceEveryTwelveTicks) {
+    sheaf_t* leaky = make(nullptr, 0, 2, 0);
+    sheaf_t* borderline = make("borderline", 0, 2, 0);
+    std::vector<packet_t*> out;
+    under_packet_lock([&] {
+        for (int i = 0; i < 21; ++i) out.push_back(sheaf_alloc_inline(leaky, 0, FALSE));
+        for (int i = 0; i < 20; ++i) out.push_back(sheaf_alloc_inline(borderline, 0, FALSE));
+    });
+    corvex_test::syslog_clear();
+    for (int i = 0; i < 12; ++i) tick();
+    const std::string line = "SHEAF: possible leak, ID " + std::to_string(leaky->id) + " (<none>) (21/0/2)\n";
+    EXPECT_EQ(corvex_test::syslog_records(), (std::vector<corvex_test::LogRecord>{{3, line}}));
+    under_packet_lock([&] {
+        leaky->max = borderline->max = 0;
+        for (packet_t* p : out) sheaf_free(p->sheaf, p);
+    });
+    EXPECT_EQ(leaky->total, 0u);
+    EXPECT_EQ(borderline->total, 0u);
+}
+
+TEST_F(SheafTest, DestroyWithPacketsOutKeepsTheRecordUntilTheyReturn) {
+    auto* sheaf = sheaf_create("outstanding", 0, 0, 8, 5, &counting_vector, nullptr);
+    ASSERT_NE(sheaf, nullptr);
+    std::vector<packet_t*> out;
+    under_packet_lock([&] {
+        for (int i = 0; i < 3; ++i) out.push_back(sheaf_malloc(sheaf, 0));
+        EXPECT_TRUE(sheaf_destroy(sheaf));
+    });
+    EXPECT_EQ(sheaf->total, 3u);
+    EXPECT_EQ(sheaf->free, 0u);
+    EXPECT_EQ(sheaf->max, 0u);
+    EXPECT_EQ(destroyed, 2);
+    // No longer registered: the background task leaves it alone.
+    sheaf->min = 1;
+    sheaf->max = 5;
+    const u_int32_t nalloc = sheaf->nalloc;
+    tick();
+    EXPECT_EQ(sheaf->nalloc, nalloc);
+    sheaf->min = sheaf->max = 0;
+    under_packet_lock([&] {
+        for (packet_t* p : out) sheaf_free(sheaf, p);
+    });
+    EXPECT_EQ(sheaf->total, 0u);
+    EXPECT_EQ(destroyed, 5);
+    std::free(sheaf);  // a kzalloc record the destroy could not release
+    EXPECT_FALSE(sheaf_destroy(nullptr));
+}
+
+TEST_F(SheafTest, WalkVisitsRestingPacketsFromTheHead) {
+    sheaf_t* sheaf = make("walked", 0, 4, 3);
+    static std::vector<packet_t*> seen;
+    seen.clear();
+    sheaf_walk(sheaf, [](sheaf_t*, packet_t* p) -> boolean {
+        seen.push_back(p);
+        return FALSE;
+    });
+    EXPECT_EQ(seen, std::vector<packet_t*>{sheaf->packets});
+    seen.clear();
+    sheaf_walk(sheaf, [](sheaf_t*, packet_t* p) -> boolean {
+        seen.push_back(p);
+        return TRUE;
+    });
+    EXPECT_EQ(seen, (std::vector<packet_t*>{sheaf->packets, sheaf->packets->sheaf_next,
+                                             sheaf->packets->sheaf_next->sheaf_next}));
+    sheaf_walk(nullptr, nullptr);
+}
+
+TEST_F(SheafTest, FreeListIsLastInFirstOut) {
+    sheaf_t* sheaf = make("lifo", 0, 4, 0);
+    under_packet_lock([&] {
+        EXPECT_EQ(sheaf_packet_dequeue(sheaf), nullptr);
+        packet_t* a = sheaf_alloc_inline(sheaf, 0, TRUE);
+        packet_t* b = sheaf_alloc_inline(sheaf, 0, TRUE);
+        EXPECT_EQ(sheaf->nalloc, 2u) << "an empty list makes fresh packets";
+        sheaf_packet_enqueue(sheaf, a);
+        sheaf_packet_enqueue(sheaf, b);
+        sheaf_packet_enqueue(sheaf, nullptr);
+        EXPECT_EQ(sheaf->free, 2u);
+        EXPECT_EQ(sheaf_alloc_inline(sheaf, 0, TRUE), b);
+        EXPECT_EQ(sheaf->nalloc, 2u) << "a resting packet changes no counter";
+        EXPECT_EQ(b->sheaf_next, nullptr);
+        EXPECT_EQ(sheaf_packet_dequeue(sheaf), a);
+        EXPECT_EQ(sheaf->free, 0u);
+        sheaf_free_inline(sheaf, a);
+        sheaf_free_inline(sheaf, b);
+        sheaf_free_inline(nullptr, a);
+        EXPECT_EQ(sheaf_alloc_inline(nullptr, 0, TRUE), nullptr);
+        EXPECT_EQ(sheaf_malloc(nullptr, 0), nullptr);
+    });
+}
+
+TEST_F(SheafTest, InitAgainKeepsTheRegistry) {
+    sheaf_t* sheaf = make("kept", 2, 4, 0);
+    sheaf_init();
+    tick();
+    EXPECT_EQ(sheaf->free, 2u) << "still tuned by the background task";
+    sheaf_t* next = make("next", 0, 1, 0);
+    EXPECT_EQ(next->id, sheaf->id + 1);
+}
+
+using SheafDeathTest = SheafTest;
+
+TEST_F(SheafDeathTest, SheafWithoutVectorMustNeverMakeOrDestroy) {
+    EXPECT_EXIT(
+        {
+            corvex_test::syslog_echo_to_stderr(true);
+            sheaf_t* sheaf = sheaf_create("bare", 0, 0, 4, 0, nullptr, nullptr);
+            pthread_mutex_lock(&packet_glb_lock);
+            sheaf_malloc(sheaf, 0);
+        },
+        ::testing::KilledBySignal(SIGABRT), "<0>sheaf_alloc_default\\(\\)");
+    EXPECT_EXIT(
+        {
+            corvex_test::syslog_echo_to_stderr(true);
+            sheaf_t* sheaf = sheaf_create("bare", 0, 0, 0, 0, nullptr, nullptr);
+            packet_t packet{};
+            pthread_mutex_lock(&packet_glb_lock);
+            sheaf_free(sheaf, &packet);
+        },
+        ::testing::KilledBySignal(SIGABRT), "<0>sheaf_free_default\\(\\)");
+}
+
+}  // namespace
