@@ -123,53 +123,66 @@ status_t itable16_alloc_tail(itable16_t* table, void* ptr, index16_t* ret_index)
     return 0;
 }
 
+// Calls visit(can, b, first) for every bucket slot b of a present can whose
+// first index lies below the mark, in ascending index order, until a visit
+// answers true.
+template <typename Visit>
+bool visit_buckets_below(const itable16_t* table, u_int32_t mark, Visit visit) {
+    for (u_int32_t c = 0; c < ITABLE16_CANS && c * kCanSpan < mark; ++c) {
+        Can can = table->cans[c];
+        if (can == nullptr) {
+            continue;
+        }
+        for (u_int32_t b = 0; b < ITABLE16_BUCKETS_PER_CAN; ++b) {
+            const u_int32_t first = c * kCanSpan + b * kBucketSpan;
+            if (first >= mark) {
+                break;
+            }
+            if (visit(can, b, first)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
 // Holes below the mark, in three passes of ascending index: free slots of
 // present buckets, then absent buckets of present cans, then absent cans.
 // Reusing present storage first keeps released storage released.
 status_t itable16_alloc_head(itable16_t* table, void* ptr, index16_t* ret_index) {
     const u_int32_t mark = table->itable16_maxentry;
-    for (u_int32_t c = 0; c < ITABLE16_CANS && c * kCanSpan < mark; ++c) {
-        Can can = table->cans[c];
-        if (can == nullptr) {
-            continue;
+    const bool in_present_bucket = visit_buckets_below(table, mark, [&](Can can, u_int32_t b, u_int32_t first) {
+        if (can[b] == nullptr) {
+            return false;
         }
-        for (u_int32_t b = 0; b < ITABLE16_BUCKETS_PER_CAN; ++b) {
-            const u_int32_t first = c * kCanSpan + b * kBucketSpan;
-            if (first >= mark) {
-                break;
-            }
-            if (can[b] == nullptr) {
-                continue;
-            }
-            for (u_int32_t e = 0; e < kBucketSpan && first + e < mark; ++e) {
-                if (can[b][e] == nullptr) {
-                    can[b][e] = ptr;
-                    *ret_index = static_cast<index16_t>(first + e);
-                    return 0;
-                }
+        for (u_int32_t e = 0; e < kBucketSpan && first + e < mark; ++e) {
+            if (can[b][e] == nullptr) {
+                can[b][e] = ptr;
+                *ret_index = static_cast<index16_t>(first + e);
+                return true;
             }
         }
+        return false;
+    });
+    if (in_present_bucket) {
+        return 0;
     }
-    for (u_int32_t c = 0; c < ITABLE16_CANS && c * kCanSpan < mark; ++c) {
-        Can can = table->cans[c];
-        if (can == nullptr) {
-            continue;
+    status_t status = 0;
+    const bool in_new_bucket = visit_buckets_below(table, mark, [&](Can can, u_int32_t b, u_int32_t first) {
+        if (can[b] != nullptr) {
+            return false;
         }
-        for (u_int32_t b = 0; b < ITABLE16_BUCKETS_PER_CAN; ++b) {
-            const u_int32_t first = c * kCanSpan + b * kBucketSpan;
-            if (first >= mark) {
-                break;
-            }
-            if (can[b] == nullptr) {
-                can[b] = static_cast<Bucket>(level_alloc(table));
-                if (can[b] == nullptr) {
-                    return 12;
-                }
-                can[b][0] = ptr;
-                *ret_index = static_cast<index16_t>(first);
-                return 0;
-            }
+        can[b] = static_cast<Bucket>(level_alloc(table));
+        if (can[b] == nullptr) {
+            status = 12;
+            return true;
         }
+        can[b][0] = ptr;
+        *ret_index = static_cast<index16_t>(first);
+        return true;
+    });
+    if (in_new_bucket) {
+        return status;
     }
     for (u_int32_t c = 0; c < ITABLE16_CANS && c * kCanSpan < mark; ++c) {
         if (table->cans[c] != nullptr) {
