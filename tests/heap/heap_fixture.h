@@ -15,6 +15,10 @@
 #include "heap.h"
 #include "syslog_capture.h"
 
+// A death whose log records reach the matcher as "<prio>text".
+#define EXPECT_LOGGED_DEATH(statement, regex) \
+    EXPECT_DEATH({ corvex_test::syslog_echo_to_stderr(true); statement; }, regex)
+
 namespace heap_test {
 
 constexpr size_t kHdr = sizeof(heap_block_t);
@@ -62,8 +66,15 @@ inline std::vector<heap_block_t*> blocks(heap_t* heap) {
     return out;
 }
 
+inline heap_walk_arg_t walk_arg(bool noisy = false, bool active = false) {
+    heap_walk_arg_t arg{};
+    arg.noisy = noisy ? TRUE : FALSE;
+    arg.active = active ? TRUE : FALSE;
+    return arg;
+}
+
 inline status_t walk(heap_t* heap, heap_walk_function_t walker = nullptr) {
-    heap_walk_arg_t quiet{};
+    heap_walk_arg_t quiet = walk_arg();
     return heap_walk(heap, walker, &quiet);
 }
 

@@ -1,7 +1,6 @@
 // Block validation: each of the twelve tests failed by a real corruption,
 // with its exact report; panics and assertions of the release path.
 #include <algorithm>
-#include <functional>
 
 #include "heap_fixture.h"
 
@@ -22,9 +21,11 @@ struct Three {
         c = hdr(heap_malloc(heap, 64));
         heap_disable_debug(heap);
     }
+    unsigned char* b_guard() { return static_cast<unsigned char*>(data(b)) + heap_block_size(data(b)); }
+    heap_block_t* freed_b() { return heap_free(heap, data(b)), b; }
 };
 
-// The blocks a corruption report names; a list means the failure shows in a walk of that list.
+// The blocks a corruption report names; with a list, the failure shows in a walk of that list.
 struct Named {
     heap_block_t *block, *prev = nullptr, *next = nullptr;
     heap_freelist_t* list = nullptr;
@@ -33,8 +34,8 @@ struct Named {
 struct Corruption {
     const char* error;
     bool debug;
-    std::function<Named(Three&)> apply;
-    const char* release_death;  // what releasing the named block dies with, if checked
+    Named (*apply)(Three&);
+    const char* release_death = nullptr;  // what releasing the named block dies with, if checked
 };
 
 heap_block_t* at(const void* base, intptr_t by) {
@@ -44,78 +45,43 @@ heap_block_t* at(const void* base, intptr_t by) {
 heap_block_t outside_block;
 list_item_t outside_link;
 
+Named around_b(Three& t) { return {t.b, t.a, t.c}; }
+
 const char* const kBadPrev = "Possible block overrun - bad prev block pointer";
 const char* const kTrailer = "Block overrun - TRAILER overwritten";
 
-const std::vector<Corruption> kCorruptions = {
+const Corruption kCorruptions[] = {
     {"Heap corrupted", false,
      [](Three& t) {
          t.heap->magic = 0x12345678;
          heap_freelist_t* deflt = &t.heap->freelist_table[0];
          return Named{at(deflt->blocks.head, -intptr_t{sizeof(void*)}), nullptr, nullptr, deflt};
-     },
-     nullptr},
-    {"Invalid header magic number", false, [](Three& t) { t.a->magic = 0x0EC0EE; return Named{t.a}; }, nullptr},
-    {"Invalid header block magic number", false,
-     [](Three& t) {
-         u_int32_t w = word(t.a) ^ 0x00040000u;
-         std::memcpy(&t.a->header, &w, 4);
-         return Named{t.a};
-     },
-     nullptr},
-    {kBadPrev, false, [](Three& t) { t.b->prev = &outside_block; return Named{t.b}; }, nullptr},
-    {kBadPrev, false, [](Three& t) { t.b->prev = at(t.a, 2); return Named{t.b}; }, nullptr},  // misaligned
-    {kBadPrev, false,  // no room for a header before the end
-     [](Three& t) {
-         t.b->prev = at(reinterpret_cast<void*>(t.heap->base + t.heap->size), -8);
-         return Named{t.b};
-     },
-     nullptr},
+     }},
+    {"Invalid header magic number", false, [](Three& t) { return t.a->magic = 0x0EC0EE, Named{t.a}; }},
+    {"Invalid header block magic number", false, [](Three& t) { return t.a->header.offset ^= 1, Named{t.a}; }},
+    {kBadPrev, false, [](Three& t) { return t.b->prev = &outside_block, Named{t.b}; }},
+    {kBadPrev, false, [](Three& t) { return t.b->prev = at(t.a, 2), Named{t.b}; }},  // misaligned
+    // No room for a header before the end of the range.
+    {kBadPrev, false, [](Three& t) { return t.b->prev = at(reinterpret_cast<void*>(t.heap->base + t.heap->size), -8), Named{t.b}; }},
     {"Possible block overrun - bad prev header magic number", false,
      [](Three& t) {
          std::memset(data(t.a), 0, 64);
-         t.b->prev = static_cast<heap_block_t*>(data(t.a));
-         return Named{t.b, t.b->prev};
-     },
-     nullptr},
-    {"Possible block overrun - bad next header magic number", false,
-     [](Three& t) { t.c->magic = 0; return Named{t.b, t.a, t.c}; },
+         return t.b->prev = static_cast<heap_block_t*>(data(t.a)), Named{t.b, t.b->prev};
+     }},
+    {"Possible block overrun - bad next header magic number", false, [](Three& t) { return t.c->magic = 0, around_b(t); },
      "<3>HEAP: Possible block overrun - bad next header magic number(.|\n)*Memory corruption in block 0x"},
-    {"Zero refcount in header for allocated block", false,
-     [](Three& t) { t.b->header.refcount = 0; return Named{t.b, t.a, t.c}; }, nullptr},
-    {"Invalid heap pointer in header", false,
-     [](Three& t) { t.b->x.alloc.heap = make_heap(65536); return Named{t.b, t.a, t.c}; }, nullptr},
-    {kTrailer, true,
-     [](Three& t) { static_cast<unsigned char*>(data(t.b))[heap_block_size(data(t.b))] = 0x54; return Named{t.b, t.a, t.c}; },
+    {"Zero refcount in header for allocated block", false, [](Three& t) { return t.b->header.refcount = 0, around_b(t); }},
+    {"Invalid heap pointer in header", false, [](Three& t) { return t.b->x.alloc.heap = make_heap(65536), around_b(t); }},
+    {kTrailer, true, [](Three& t) { return t.b_guard()[0] = 0x54, around_b(t); },
      "TRAILER overwritten(.|\n)*FAILED VALIDITY CHECKS(.|\n)*Memory corruption in block 0x"},
-    {kTrailer, true,
-     [](Three& t) { static_cast<unsigned char*>(data(t.b))[heap_block_size(data(t.b)) + 15] = 0; return Named{t.b, t.a, t.c}; },
-     nullptr},
-    {"Non-zero refcount in header for free block", false,
-     [](Three& t) {
-         heap_free(t.heap, data(t.b));
-         t.b->header.refcount = 1;
-         return Named{t.b, t.a, t.c};
-     },
-     nullptr},
-    {"Invalid fprev pointer", false,
-     [](Three& t) {
-         heap_free(t.heap, data(t.b));
-         t.b->x.free.links.prev = &outside_link;
-         return Named{t.b, t.a, t.c};
-     },
-     nullptr},
-    {"Invalid fnext pointer", false,
-     [](Three& t) {
-         heap_free(t.heap, data(t.b));
-         t.b->x.free.links.next = &outside_link;
-         return Named{t.b, t.a, t.c};
-     },
-     nullptr},
+    {kTrailer, true, [](Three& t) { return t.b_guard()[15] = 0, around_b(t); }},
+    {"Non-zero refcount in header for free block", false, [](Three& t) { return t.freed_b()->header.refcount = 1, around_b(t); }},
+    {"Invalid fprev pointer", false, [](Three& t) { return t.freed_b()->x.free.links.prev = &outside_link, around_b(t); }},
+    {"Invalid fnext pointer", false, [](Three& t) { return t.freed_b()->x.free.links.next = &outside_link, around_b(t); }},
 };
 
-status_t walk_named(Three& t, const Named& n, heap_walk_arg_t* arg) {
-    return n.list != nullptr ? heap_freelist_walk(t.heap, n.list, nullptr, arg) : heap_walk(t.heap, nullptr, arg);
+status_t walk_named(Three& t, const Named& n, heap_walk_arg_t arg) {
+    return n.list != nullptr ? heap_freelist_walk(t.heap, n.list, nullptr, &arg) : heap_walk(t.heap, nullptr, &arg);
 }
 
 }  // namespace
@@ -127,35 +93,21 @@ TEST(HeapValidate, EachCorruptionFailsWithItsExactReport) {
         ASSERT_EQ(walk(t.heap), 0);
         Named n = c.apply(t);
         auto expected = expected_report(t.heap, c.error, n.block, n.prev, n.next);
-        heap_walk_arg_t arg{};
-        arg.noisy = TRUE;
         u_int32_t failures = heap_bp_failure_count;
         syslog_clear();
-        EXPECT_EQ(walk_named(t, n, &arg), 1000);
+        EXPECT_EQ(walk_named(t, n, walk_arg(true)), 1000);
         EXPECT_EQ(log_texts(), expected);
         // One count for the report, one for each block log in it.
         EXPECT_EQ(heap_bp_failure_count - failures, 2u + (n.prev != nullptr) + (n.next != nullptr));
-        heap_walk_arg_t quiet{};
         syslog_clear();
-        EXPECT_EQ(walk_named(t, n, &quiet), 1000);
+        EXPECT_EQ(walk_named(t, n, walk_arg()), 1000);
         EXPECT_TRUE(log_texts().empty());
         if (c.release_death != nullptr) {
-            EXPECT_DEATH(
-                {
-                    corvex_test::syslog_echo_to_stderr(true);
-                    heap_free(t.heap, data(n.block));
-                },
-                c.release_death);
+            EXPECT_LOGGED_DEATH(heap_free(t.heap, data(n.block)), c.release_death);
         }
         if (n.list != nullptr) {  // the block log stops early against a bad heap
             EXPECT_EQ(expected.back(), "\nHEAP: ******** FAILED VALIDITY CHECKS **********\n\n");
-            arg.active = TRUE;
-            EXPECT_DEATH(
-                {
-                    corvex_test::syslog_echo_to_stderr(true);
-                    walk_named(t, n, &arg);
-                },
-                "Heap corruption at 0x");
+            EXPECT_LOGGED_DEATH(walk_named(t, n, walk_arg(true, true)), "Heap corruption at 0x");
         }
     }
 }
@@ -171,9 +123,7 @@ TEST(HeapValidate, NearMissesPass) {
     bytes[usable - 1] = 0;
     bytes[usable + 16] ^= 1;
     EXPECT_EQ(walk(t.heap), 0);
-    // The block log names a bad mark.
-    w ^= 0x00040000u;
-    std::memcpy(&t.a->header, &w, 4);
+    t.a->header.offset ^= 1;  // the block log names a bad mark
     auto log = block_log_of(t.heap, t.a);
     EXPECT_NE(std::find(log.begin(), log.end(), "HEAP:     offset    : fffffff8    : Bad  Heap Block Magic number \n"),
               log.end());
@@ -183,43 +133,23 @@ TEST(HeapValidate, ReleasePanicsAndAssertions) {
     Three t;
     // A block of another heap, or released without a heap: checked against the heap it lies in.
     t.b->x.alloc.heap = make_heap(65536);
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_free(nullptr, data(t.b));
-        },
-        "HEAP: Invalid heap pointer in header(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(nullptr, data(t.b)), "HEAP: Invalid heap pointer in header(.|\n)*Memory corruption in block 0x");
     EXPECT_DEATH(heap_free(t.heap, data(t.b)), "heap == expect_heap");
     t.b->x.alloc.heap = t.heap;
     // Released twice after merging into a free predecessor: the dead header.
     heap_free(t.heap, data(t.a));
     heap_free(t.heap, data(t.b));
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_free(t.heap, data(t.b));
-        },
-        "HEAP: Invalid header magic number(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(t.heap, data(t.b)), "HEAP: Invalid header magic number(.|\n)*Memory corruption in block 0x");
     // Released twice without a merge: its heap word is now a list link.
     Three u;
     heap_free(u.heap, data(u.b));
     EXPECT_DEATH(heap_free(u.heap, data(u.b)), "heap/heap.*heap_block_return.*heap == expect_heap");
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_free(nullptr, data(u.b));
-        },
-        "Heap corruption at 0x");
+    EXPECT_LOGGED_DEATH(heap_free(nullptr, data(u.b)), "Heap corruption at 0x");
     // A corrupt free neighbour stops the merge before its links are followed, from either side.
     static list_item_t outside;
     u.b->x.free.links.next = &outside;
     for (heap_block_t* neighbour : {u.a, u.c}) {
-        EXPECT_DEATH(
-            {
-                corvex_test::syslog_echo_to_stderr(true);
-                heap_free(u.heap, data(neighbour));
-            },
-            "HEAP: Invalid fnext pointer(.|\n)*Memory corruption in block 0x");
+        EXPECT_LOGGED_DEATH(heap_free(u.heap, data(neighbour)), "HEAP: Invalid fnext pointer(.|\n)*Memory corruption in block 0x");
     }
 }
 
@@ -273,21 +203,11 @@ TEST(HeapValidate, CorruptedSizeNeverLeadsOutsideTheRange) {
     ASSERT_EQ(hdr(last), next_of(hdr(d)));
     hdr(last)->size += 4096;
     EXPECT_EQ(walk(t.heap), 0);  // passes validation: no next block
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_free(t.heap, last);
-        },
-        "HEAP: Block size runs past the end of the heap(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(t.heap, last), "HEAP: Block size runs past the end of the heap(.|\n)*Memory corruption in block 0x");
     // A free block whose size ends in mid-air: not used for an allocation.
     hdr(last)->size -= 4096;
     heap_free(t.heap, d);
     heap_free(t.heap, last);
     hdr(d)->size += 4096;
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_malloc(t.heap, hdr(d)->size - 4096);
-        },
-        "Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_malloc(t.heap, hdr(d)->size - 4096), "Memory corruption in block 0x");
 }

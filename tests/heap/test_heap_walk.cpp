@@ -60,12 +60,7 @@ TEST(HeapWalk, BadHeapsAndBadPrevChains) {
     heap_walk_arg_t active{};
     active.active = TRUE;
     EXPECT_EQ(walk(&never), 22);
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_walk(&never, nullptr, &active);
-        },
-        "heap_check: Bad heap at 0x");
+    EXPECT_LOGGED_DEATH(heap_walk(&never, nullptr, &active), "heap_check: Bad heap at 0x");
     heap_t* heap = make_heap(65536);
     void* a = heap_malloc(heap, 64);
     void* b = heap_malloc(heap, 64);
@@ -84,12 +79,7 @@ TEST(HeapWalk, BadHeapsAndBadPrevChains) {
     syslog_clear();
     EXPECT_EQ(walk(heap), 1000);
     EXPECT_TRUE(log_texts().empty());
-    EXPECT_DEATH(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            heap_walk(heap, nullptr, &active);
-        },
-        // The child runs the test afresh, so its addresses are its own.
+    EXPECT_LOGGED_DEATH(heap_walk(heap, nullptr, &active), // The child runs the test afresh, so its addresses are its own.
         "HEAP: Either Current block has bad prev pointer(.|\n)*"
         "HEAP: Bad prev pointer for block 0x[0-9a-f]+ \\(0x[0-9a-f]+ != 0x[0-9a-f]+\\)");
     hdr(c)->prev = hdr(b);
