@@ -101,14 +101,11 @@ TEST(HeapAlloc, ExcessUpToHeaderPlusMinimumIsHandedOutWhole) {
 
 TEST(HeapAlloc, FreedBlocksGoToTheListTheirSizeSelects) {
     heap_t* heap = make_heap(1 << 20);
-    const std::vector<std::pair<size_t, size_t>> cases = {{16, 16},     {24, 24},   {32, 24},   {4104, 4096},
-                                                          {32760, 4096}, {32768, 0}, {40000, 0}};
-    std::vector<size_t> sizes;
-    for (auto c : cases) sizes.push_back(c.first);
+    const std::vector<size_t> sizes = {16, 24, 32, 4104, 32760, 32768, 40000}, lists = {16, 24, 24, 4096, 4096, 0, 0};
     auto freed = alloc_guarded(heap, sizes);
-    for (size_t i = 0; i < cases.size(); ++i) {
+    for (size_t i = 0; i < sizes.size(); ++i) {
         heap_free(heap, freed[i]);
-        EXPECT_EQ(heap->freelist_table[hdr(freed[i])->freelist_id].size, cases[i].second) << cases[i].first;
+        EXPECT_EQ(heap->freelist_table[hdr(freed[i])->freelist_id].size, lists[i]) << sizes[i];
     }
     EXPECT_EQ(heap->freelist_table[14].blocks.item_count, 0u);  // the 32768 list only bounds
 }
