@@ -303,8 +303,9 @@ TEST(HeapAlloc, VerboseTraces) {
                                                          static_cast<void*>(hdr(q)))});
     syslog_clear();
     EXPECT_EQ(heap_malloc(heap, 70000), nullptr);
-    EXPECT_EQ(log_texts(7).back(), fmt("heap_block_find: HEAP(traced): Failed to find a 70000 byte block (available:%u)\n",
-                                       static_cast<unsigned>(heap->free_bytes)));
+    EXPECT_EQ(log_texts(7).back(),
+              fmt("heap_block_find: HEAP(traced): Failed to find a 70000 byte block (available:%u)\n",
+                  static_cast<unsigned>(heap->free_bytes)));
     heap->debug = FALSE;
     syslog_clear();
     heap_free(heap, p);

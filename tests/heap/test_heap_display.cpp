@@ -193,7 +193,7 @@ namespace {
 int coalesce_calls, free_calls, alloc_calls;
 size_t last_size, last_old_size;
 void count_free(void*, size_t size) { ++free_calls, last_size = size; }
-void count_coalesce(void*, size_t size, size_t old_size) { ++coalesce_calls, last_size = size, last_old_size = old_size; }
+void count_coalesce(void*, size_t size, size_t old) { ++coalesce_calls, last_size = size, last_old_size = old; }
 void count_alloc(void*, size_t size) { ++alloc_calls, last_size = size; }
 // Leaves the released block marked allocated.
 void remark_allocated(void* p, size_t) { hdr(p)->header.allocated = 1; }

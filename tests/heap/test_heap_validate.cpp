@@ -47,6 +47,11 @@ list_item_t outside_link;
 
 Named around_b(Three& t) { return {t.b, t.a, t.c}; }
 
+// The release path reports `error`, then panics.
+std::string panic_after(const char* error) {
+    return std::string("HEAP: ") + error + "(.|\n)*Memory corruption in block 0x";
+}
+
 const char* const kBadPrev = "Possible block overrun - bad prev block pointer";
 const char* const kTrailer = "Block overrun - TRAILER overwritten";
 
@@ -61,23 +66,29 @@ const Corruption kCorruptions[] = {
     {"Invalid header block magic number", false, [](Three& t) { return t.a->header.offset ^= 1, Named{t.a}; }},
     {kBadPrev, false, [](Three& t) { return t.b->prev = &outside_block, Named{t.b}; }},
     {kBadPrev, false, [](Three& t) { return t.b->prev = at(t.a, 2), Named{t.b}; }},  // misaligned
-    // No room for a header before the end of the range.
-    {kBadPrev, false, [](Three& t) { return t.b->prev = at(reinterpret_cast<void*>(t.heap->base + t.heap->size), -8), Named{t.b}; }},
+    {kBadPrev, false,  // no room for a header before the end of the range
+     [](Three& t) { return t.b->prev = at(reinterpret_cast<void*>(t.heap->base + t.heap->size), -8), Named{t.b}; }},
     {"Possible block overrun - bad prev header magic number", false,
      [](Three& t) {
          std::memset(data(t.a), 0, 64);
          return t.b->prev = static_cast<heap_block_t*>(data(t.a)), Named{t.b, t.b->prev};
      }},
-    {"Possible block overrun - bad next header magic number", false, [](Three& t) { return t.c->magic = 0, around_b(t); },
+    {"Possible block overrun - bad next header magic number", false,
+     [](Three& t) { return t.c->magic = 0, around_b(t); },
      "<3>HEAP: Possible block overrun - bad next header magic number(.|\n)*Memory corruption in block 0x"},
-    {"Zero refcount in header for allocated block", false, [](Three& t) { return t.b->header.refcount = 0, around_b(t); }},
-    {"Invalid heap pointer in header", false, [](Three& t) { return t.b->x.alloc.heap = make_heap(65536), around_b(t); }},
+    {"Zero refcount in header for allocated block", false,
+     [](Three& t) { return t.b->header.refcount = 0, around_b(t); }},
+    {"Invalid heap pointer in header", false,
+     [](Three& t) { return t.b->x.alloc.heap = make_heap(65536), around_b(t); }},
     {kTrailer, true, [](Three& t) { return t.b_guard()[0] = 0x54, around_b(t); },
      "TRAILER overwritten(.|\n)*FAILED VALIDITY CHECKS(.|\n)*Memory corruption in block 0x"},
     {kTrailer, true, [](Three& t) { return t.b_guard()[15] = 0, around_b(t); }},
-    {"Non-zero refcount in header for free block", false, [](Three& t) { return t.freed_b()->header.refcount = 1, around_b(t); }},
-    {"Invalid fprev pointer", false, [](Three& t) { return t.freed_b()->x.free.links.prev = &outside_link, around_b(t); }},
-    {"Invalid fnext pointer", false, [](Three& t) { return t.freed_b()->x.free.links.next = &outside_link, around_b(t); }},
+    {"Non-zero refcount in header for free block", false,
+     [](Three& t) { return t.freed_b()->header.refcount = 1, around_b(t); }},
+    {"Invalid fprev pointer", false,
+     [](Three& t) { return t.freed_b()->x.free.links.prev = &outside_link, around_b(t); }},
+    {"Invalid fnext pointer", false,
+     [](Three& t) { return t.freed_b()->x.free.links.next = &outside_link, around_b(t); }},
 };
 
 status_t walk_named(Three& t, const Named& n, heap_walk_arg_t arg) {
@@ -133,7 +144,7 @@ TEST(HeapValidate, ReleasePanicsAndAssertions) {
     Three t;
     // A block of another heap, or released without a heap: checked against the heap it lies in.
     t.b->x.alloc.heap = make_heap(65536);
-    EXPECT_LOGGED_DEATH(heap_free(nullptr, data(t.b)), "HEAP: Invalid heap pointer in header(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(nullptr, data(t.b)), panic_after("Invalid heap pointer in header"));
     EXPECT_DEATH(heap_free(t.heap, data(t.b)), "heap == expect_heap");
     t.b->x.alloc.heap = t.heap;
     // An address in no heap at all is refused and logged, not followed.
@@ -147,7 +158,7 @@ TEST(HeapValidate, ReleasePanicsAndAssertions) {
     // Released twice after merging into a free predecessor: the dead header.
     heap_free(t.heap, data(t.a));
     heap_free(t.heap, data(t.b));
-    EXPECT_LOGGED_DEATH(heap_free(t.heap, data(t.b)), "HEAP: Invalid header magic number(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(t.heap, data(t.b)), panic_after("Invalid header magic number"));
     // Released twice without a merge: its heap word is now a list link.
     Three u;
     heap_free(u.heap, data(u.b));
@@ -157,7 +168,7 @@ TEST(HeapValidate, ReleasePanicsAndAssertions) {
     static list_item_t outside;
     u.b->x.free.links.next = &outside;
     for (heap_block_t* neighbour : {u.a, u.c}) {
-        EXPECT_LOGGED_DEATH(heap_free(u.heap, data(neighbour)), "HEAP: Invalid fnext pointer(.|\n)*Memory corruption in block 0x");
+        EXPECT_LOGGED_DEATH(heap_free(u.heap, data(neighbour)), panic_after("Invalid fnext pointer"));
     }
 }
 
@@ -194,7 +205,7 @@ TEST(HeapValidate, CorruptedSizeNeverLeadsOutsideTheRange) {
     ASSERT_EQ(hdr(last), next_of(hdr(d)));
     hdr(last)->size += 4096;
     EXPECT_EQ(walk(t.heap), 0);  // passes validation: no next block
-    EXPECT_LOGGED_DEATH(heap_free(t.heap, last), "HEAP: Block size runs past the end of the heap(.|\n)*Memory corruption in block 0x");
+    EXPECT_LOGGED_DEATH(heap_free(t.heap, last), panic_after("Block size runs past the end of the heap"));
     // A free block whose size ends in mid-air: not used for an allocation.
     hdr(last)->size -= 4096;
     heap_free(t.heap, d);

@@ -79,7 +79,8 @@ TEST(HeapWalk, BadHeapsAndBadPrevChains) {
     syslog_clear();
     EXPECT_EQ(walk(heap), 1000);
     EXPECT_TRUE(log_texts().empty());
-    EXPECT_LOGGED_DEATH(heap_walk(heap, nullptr, &active), // The child runs the test afresh, so its addresses are its own.
+    // The child runs the test afresh, so its addresses are its own.
+    EXPECT_LOGGED_DEATH(heap_walk(heap, nullptr, &active),
         "HEAP: Either Current block has bad prev pointer(.|\n)*"
         "HEAP: Bad prev pointer for block 0x[0-9a-f]+ \\(0x[0-9a-f]+ != 0x[0-9a-f]+\\)");
     hdr(c)->prev = hdr(b);
