@@ -1,5 +1,6 @@
 // Several threads allocating and releasing on shared heaps: no block is
 // handed out twice, and every heap ends whole.
+#include <algorithm>
 #include <random>
 #include <thread>
 #include <vector>
@@ -22,11 +23,8 @@ void churn(std::vector<heap_t*> heaps, unsigned seed, int rounds) {
     std::vector<Held> held;
     auto release = [&](size_t i) {
         Held h = held[i];
-        for (size_t k = 0; k < h.size; ++k) {
-            if (h.data[k] != h.fill) {
-                ADD_FAILURE() << "block " << static_cast<void*>(h.data) << " was overwritten";
-                break;
-            }
+        if (std::count(h.data, h.data + h.size, h.fill) != static_cast<std::ptrdiff_t>(h.size)) {
+            ADD_FAILURE() << "block " << static_cast<void*>(h.data) << " was overwritten";
         }
         heap_free(rng() % 2 ? h.heap : nullptr, h.data);
         held[i] = held.back();
