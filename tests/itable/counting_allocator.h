@@ -1,10 +1,11 @@
-// An allocator for the indexed tables that records every block it hands
-// out, so a test can see what storage a table holds and whether it was
-// given back, and can make the n-th allocation fail.
+// An allocator for the indexed tables that records every block it hands out,
+// so a test sees what storage a table holds and whether it was given back,
+// and can make the n-th allocation fail.
 #pragma once
 
 #include <cstdlib>
 #include <set>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -14,9 +15,6 @@ namespace corvex_test {
 
 class CountingAllocator {
 public:
-    CountingAllocator() = default;
-    CountingAllocator(const CountingAllocator&) = delete;
-    CountingAllocator& operator=(const CountingAllocator&) = delete;
     ~CountingAllocator() {
         for (void* p : live_) free(p);
     }
@@ -24,13 +22,11 @@ public:
     static void* alloc(void* ctxt, size_t size) { return static_cast<CountingAllocator*>(ctxt)->take(size); }
     static void release(void* ctxt, void* p) { static_cast<CountingAllocator*>(ctxt)->give_back(p); }
 
-    // Blocks handed out and not yet given back.
-    size_t live() const { return live_.size(); }
+    size_t live() const { return live_.size(); }  // handed out, not yet given back
     bool holds(const void* p) const { return live_.count(const_cast<void*>(p)) != 0; }
-    size_t allocations() const { return allocations_; }
-    size_t releases() const { return releases_; }
-    // The next `n` allocations succeed, every later one fails; -1 never fails.
-    void fail_after(int n) { budget_ = n; }
+    size_t allocations() const { return sizes_.size(); }
+    const std::vector<size_t>& sizes() const { return sizes_; }  // of every block handed out, in order
+    void fail_after(int n) { budget_ = n; }  // the next n allocations succeed, later ones fail; -1: never
 
 private:
     void* take(size_t size) {
@@ -38,7 +34,7 @@ private:
         if (budget_ > 0) --budget_;
         void* p = calloc(size, 1);
         live_.insert(p);
-        ++allocations_;
+        sizes_.push_back(size);
         return p;
     }
     void give_back(void* p) {
@@ -46,13 +42,11 @@ private:
             ADD_FAILURE() << "released a block this allocator did not hand out: " << p;
             return;
         }
-        ++releases_;
         free(p);
     }
 
     std::set<void*> live_;
-    size_t allocations_ = 0;
-    size_t releases_ = 0;
+    std::vector<size_t> sizes_;
     int budget_ = -1;
 };
 
