@@ -1,12 +1,18 @@
-// Builds small command trees for the parser's tests, and records what the
-// command callbacks received.
+// Builds command trees for the CLI tests, records what the command
+// callbacks received, and sets up a lab switch's commands.
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <deque>
 #include <initializer_list>
+#include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "cli_capture.h"
+#include "cli_session.h"
 #include "host_cli.h"
 
 namespace corvex_test {
@@ -100,5 +106,107 @@ inline void record_command(parser_config* config, parser_result* result, u_int32
     recorded_commands().push_back(
         {config, magic, std::vector<parser_item>(result->item, result->item + result->item_count)});
 }
+
+// The recorded calls as "magic item...": n<number>, a<address>, k<keyword value>.
+inline std::vector<std::string> recorded_summary() {
+    std::vector<std::string> lines;
+    for (const auto& call : recorded_commands()) {
+        std::string line = std::to_string(call.magic);
+        for (const auto& item : call.items) {
+            char value[40];
+            if (item.type == PARSER_RES_unsigned_number) {
+                snprintf(value, sizeof value, " n%llu", static_cast<unsigned long long>(item.data.unsigned_number));
+            } else if (item.type == PARSER_RES_address) {
+                snprintf(value, sizeof value, " a%p", item.data.address);
+            } else if (item.type == PARSER_RES_keyword_value) {
+                snprintf(value, sizeof value, " k%lld", static_cast<long long>(item.data.keyword_value));
+            } else {
+                snprintf(value, sizeof value, " type%d", static_cast<int>(item.type));
+            }
+            line += value;
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+std::vector<std::string> completions(parser_config* session, const char* line) {
+    std::vector<std::string> words;
+    const int count = cli_session_complete(
+        session, line, [](void* found, const char* word) { static_cast<std::vector<std::string>*>(found)->push_back(word); },
+        &words);
+    EXPECT_EQ(count, static_cast<int>(words.size()));
+    return words;
+}
+
+// A lab switch's commands, shaped like the ones the library hangs below
+// the host's roots, and a session on them.
+class LabCli : public testing::Test {
+protected:
+    LabCli() {
+        TreeBuilder& t = builder_;
+        port_number_ = t.number(1, 48, "port number",
+                                {t.end(record_command, 2), t.keyword("counters", "port counters", {t.end(record_command, 3)}),
+                                 t.keyword("config", "port configuration", {t.end(record_command, 4)})});
+        auto* show = t.keyword(
+            "show", "show information",
+            {t.end(parser_vty_show, 0), t.keyword("port", "one port", {port_number_}),
+             t.keyword("ports", "all ports", {t.end(record_command, 5)}),
+             t.keyword("memory", "memory at an address",
+                       {t.address(0x1000, 0xffff, "memory address",
+                                  {t.end(record_command, 6),
+                                   t.number(0, UINT64_MAX, "byte count", {t.end(record_command, 7)})})}),
+             t.keyword("secret", "secret data", {t.end(record_command, 8)}, 10),
+             t.keyword("limit", "a limit that may be left out",
+                       {t.number(7, 99, "limit", {t.end(record_command, 12)}, true)})});
+        auto* set = t.keyword(
+            "set", "set parameters",
+            {t.keyword("security", "set the parser security level",
+                       {t.number(0, 20, "security level", {t.end(parser_vty_set, 0)})}),
+             t.keyword("speed", "port speed",
+                       {t.number(1, 48, "port", {t.number(10, 100000, "speed in Mbit/s", {t.end(record_command, 9)})})})});
+        auto* fast = t.keyword("fast", "fast mode", {t.end(record_command, 11)});
+        t.last_keyword().usevalue = 1;
+        t.last_keyword().value = 3;
+        auto* slow = t.keyword("slow", "slow mode", {t.end(record_command, 11)});
+        t.last_keyword().usevalue = 1;
+        t.last_keyword().value = -1;
+        t.last_keyword().no_case_sense = 1;
+        tree_ = t.tree({show, set, t.keyword("shutdown", "stop the device", {t.end(record_command, 10)}),
+                        t.keyword("mode", "running mode", {fast, slow}),
+                        t.keyword("debug", "enable debugging", {t.end(parser_vty_debug, 0)}),
+                        t.keyword("undebug", "disable debugging", {t.end(parser_vty_undebug, 0)}),
+                        t.keyword("clear", "clear information", {t.end(parser_vty_clear, 0)}),
+                        t.keyword("test", "run test command", {t.end(parser_vty_test, 0)}),
+                        t.keyword("single-line-mode", "single line mode", {t.end(parser_vty_single_line_mode, 0)}, 0,
+                                  true)});
+        session_ = cli_session_create(&tree_);
+        recorded_commands().clear();
+    }
+    ~LabCli() override { cli_session_destroy(session_); }
+
+    // Runs line and returns what it printed.
+    std::string run(const char* line, cli_status expected = CLI_OK) {
+        CliCapture capture;
+        EXPECT_EQ(cli_session_execute(session_, line), expected) << line;
+        return capture.text();
+    }
+
+    struct Line {
+        const char* text;
+        const char* output = "";
+        cli_status status = CLI_OK;
+    };
+    void expect_lines(std::initializer_list<Line> lines) {
+        for (const Line& line : lines) EXPECT_EQ(run(line.text, line.status), line.output) << line.text;
+    }
+
+    std::vector<std::string> complete(const char* line) { return completions(session_, line); }
+
+    TreeBuilder builder_;
+    parser_node_info* port_number_ = nullptr;
+    parser_tree_info tree_{};
+    parser_config* session_ = nullptr;
+};
 
 }  // namespace corvex_test
