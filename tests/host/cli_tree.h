@@ -4,8 +4,8 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <deque>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,17 +21,18 @@ class TreeBuilder {
 public:
     parser_node_info* keyword(const char* word, const char* help, std::initializer_list<parser_node_info*> next,
                               int security_level = 0, bool hidden = false) {
-        auto& node = keywords_.emplace_back();
+        auto& node = add<parser_type_keyword>();
+        last_keyword_ = &node;
         node.keyword = word;
         node.hidden = hidden;
         return link(node.info, PARSER_NODE_KEYWORD, help, next, security_level);
     }
 
-    parser_type_keyword& last_keyword() { return keywords_.back(); }
+    parser_type_keyword& last_keyword() { return *last_keyword_; }
 
     parser_node_info* number(u_int64_t min, u_int64_t max, const char* help,
                              std::initializer_list<parser_node_info*> next, bool default_ok = false) {
-        auto& node = numbers_.emplace_back();
+        auto& node = add<parser_type_unsigned_number>();
         node.min = min;
         node.max = max;
         node.default_ok = default_ok;
@@ -40,14 +41,14 @@ public:
 
     parser_node_info* address(uintptr_t min, uintptr_t max, const char* help,
                               std::initializer_list<parser_node_info*> next) {
-        auto& node = addresses_.emplace_back();
+        auto& node = add<parser_type_address>();
         node.min = reinterpret_cast<void*>(min);
         node.max = reinterpret_cast<void*>(max);
         return link(node.info, PARSER_NODE_ADDRESS, help, next, 0);
     }
 
     parser_node_info* end(parser_callback_fn_t callback, u_int32_t magic, int security_level = 0) {
-        auto& node = ends_.emplace_back();
+        auto& node = add<parser_type_end_of_line>();
         node.callback = callback;
         node.magic_number = magic;
         return link(node.info, PARSER_NODE_END_OF_LINE, nullptr, {}, security_level);
@@ -55,8 +56,7 @@ public:
 
     // A node of a type the tree's own parsers handle.
     parser_node_info* custom(int type, const char* help, std::initializer_list<parser_node_info*> next) {
-        auto& node = customs_.emplace_back();
-        return link(node, type, help, next, 0);
+        return link(add<parser_node_info>(), type, help, next, 0);
     }
 
     parser_tree_info tree(std::initializer_list<parser_node_info*> top, parser_cmd_info* sub_parsers = nullptr) {
@@ -82,11 +82,13 @@ private:
         return &info;
     }
 
-    std::deque<parser_type_keyword> keywords_;
-    std::deque<parser_type_unsigned_number> numbers_;
-    std::deque<parser_type_address> addresses_;
-    std::deque<parser_type_end_of_line> ends_;
-    std::deque<parser_node_info> customs_;
+    template <class Node>
+    Node& add() {
+        return *static_cast<Node*>(nodes_.emplace_back(std::make_shared<Node>()).get());
+    }
+
+    std::vector<std::shared_ptr<void>> nodes_;
+    parser_type_keyword* last_keyword_ = nullptr;
 };
 
 // One callback call as the test saw it.
@@ -113,24 +115,19 @@ inline std::vector<std::string> recorded_summary() {
     for (const auto& call : recorded_commands()) {
         std::string line = std::to_string(call.magic);
         for (const auto& item : call.items) {
-            char value[40];
-            if (item.type == PARSER_RES_unsigned_number) {
-                snprintf(value, sizeof value, " n%llu", static_cast<unsigned long long>(item.data.unsigned_number));
-            } else if (item.type == PARSER_RES_address) {
-                snprintf(value, sizeof value, " a%p", item.data.address);
-            } else if (item.type == PARSER_RES_keyword_value) {
-                snprintf(value, sizeof value, " k%lld", static_cast<long long>(item.data.keyword_value));
-            } else {
-                snprintf(value, sizeof value, " type%d", static_cast<int>(item.type));
-            }
-            line += value;
+            char address[24];
+            snprintf(address, sizeof address, " a%p", item.data.address);
+            line += item.type == PARSER_RES_unsigned_number ? " n" + std::to_string(item.data.unsigned_number)
+                    : item.type == PARSER_RES_address       ? std::string(address)
+                    : item.type == PARSER_RES_keyword_value ? " k" + std::to_string(item.data.keyword_value)
+                                                            : " type" + std::to_string(item.type);
         }
         lines.push_back(line);
     }
     return lines;
 }
 
-std::vector<std::string> completions(parser_config* session, const char* line) {
+inline std::vector<std::string> completions(parser_config* session, const char* line) {
     std::vector<std::string> words;
     const int count = cli_session_complete(
         session, line, [](void* found, const char* word) { static_cast<std::vector<std::string>*>(found)->push_back(word); },
