@@ -67,7 +67,6 @@ void quit_with_7(zrmodule_timer* timer, time_t interval) {
     record_call(timer, interval);
 }
 
-// A task cannot wait for itself to end.
 void destroy_own_module(zrmodule_timer* timer, time_t) {
     const int result = zrmodule_destroy(zrmodule_current());
     journal_of(timer)->add({timer, static_cast<time_t>(result), pthread_self(), "", nullptr});
@@ -173,15 +172,11 @@ TEST(Module, RefusesWhatCannotWork) {
 
     zrmodule* m = tiny.module;
     EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, &period, 0, nullptr, nullptr), nullptr);
-    struct Durations {
-        utime_t* initial;
-        utime_t* interval;
-    };
-    std::vector<Durations> refused = {{&period, nullptr}, {&period, &zero}, {&period, &negative}, {&negative_micros, &period}};
     utime_t beyond = {static_cast<time_t>(sizeof(time_t) > 4 ? (int64_t{1} << 32) : -1), 0};
-    refused.push_back({&period, &beyond});
-    for (const auto& durations : refused) {
-        EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, durations.initial, durations.interval, 0, record_call, nullptr), nullptr);
+    utime_t* refused[][2] = {{&period, nullptr}, {&period, &zero}, {&period, &negative},
+                             {&negative_micros, &period}, {&period, &beyond}};  // {initial, interval}
+    for (auto& [initial, interval] : refused) {
+        EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, initial, interval, 0, record_call, nullptr), nullptr);
     }
     zrmodule_timer* longest = zrmodule_timer_ucreate(m, nullptr, 0, nullptr, &too_long, 0, record_call, &journal);
     ASSERT_NE(longest, nullptr) << "the longest interval is allowed";
@@ -192,7 +187,7 @@ TEST(Module, RefusesWhatCannotWork) {
     zrmodule_timer* timer = zrmodule_timer_ucreate(self.module, "d", 0, nullptr, &period, 1, destroy_own_module, &journal);
     ASSERT_TRUE(journal.wait_for(timer, 1));
     std::lock_guard guard(journal.lock);
-    EXPECT_EQ(journal.calls.back().interval, 22);
+    EXPECT_EQ(journal.calls.back().interval, 22) << "a task cannot wait for itself to end";
 }
 
 }  // namespace

@@ -108,54 +108,44 @@ Outcome run_registration(const std::function<std::string()>& scenario) {
     return outcome;
 }
 
-#define RUN_OR_SKIP(outcome, scenario)                                               \
-    const Outcome outcome = run_registration(scenario);                              \
-    if (!outcome.unavailable.empty()) {                                              \
-        GTEST_SKIP() << "no private /var/run for this test: " << outcome.unavailable; \
-    }
-
 TEST(ThreadRegister, FileNamesContentsAndTheDefaultApplicationName) {
     const std::string app(60, 'a'), thread(150, 't');
-    RUN_OR_SKIP(outcome, ([&] {
-                    thread_register("app", "rx");
-                    thread_register(nullptr, "tx");  // no default name yet
-                    thread_register_set_app_name("sw");
-                    thread_register(nullptr, "ry");
-                    thread_register("app", "tz");  // a given name wins
-                    thread_register_set_app_name("");  // back to none
-                    thread_register(nullptr, "cli");
-                    // Unwritable places are silently skipped.
-                    thread_register("app", "no-such-dir/rx");
-                    thread_register(nullptr, nullptr);
-                    // Paths and contents are cut at 127 characters.
-                    thread_register(app.c_str(), thread.c_str());
-                    thread_register_set_app_name(std::string(200, 'b').c_str());
-                    thread_register(nullptr, "rb");
-                    return std::string();
-                }));
-    const std::string& tid = outcome.tid;  // the child's only thread
+    const Outcome outcome = run_registration([&] {
+        thread_register("app", "rx");
+        thread_register(nullptr, "tx");  // no default name yet
+        thread_register_set_app_name("sw");
+        thread_register(nullptr, "ry");
+        thread_register("app", "tz");  // a given name wins
+        // Registering again replaces the file (here a longer one) with the newer thread.
+        write_file("/var/run/sw-rz", std::string(100, 'x'));
+        thread_register(nullptr, "rz");
+        std::string other;
+        std::thread([&other] {
+            thread_register(nullptr, "rz");
+            other = std::to_string(syscall(SYS_gettid));
+        }).join();
+        thread_register_set_app_name("");  // back to none
+        thread_register(nullptr, "cli");
+        // Unwritable places are silently skipped.
+        thread_register("app", "no-such-dir/rx");
+        thread_register(nullptr, nullptr);
+        // Paths and contents are cut at 127 characters.
+        thread_register(app.c_str(), thread.c_str());
+        thread_register_set_app_name(std::string(200, 'b').c_str());
+        thread_register(nullptr, "rb");
+        return other;
+    });
+    if (!outcome.unavailable.empty()) GTEST_SKIP() << "no private /var/run for this test: " << outcome.unavailable;
+    const std::string& tid = outcome.tid;  // the child's main thread
+    ASSERT_FALSE(outcome.note.empty());
+    EXPECT_NE(outcome.note, tid);
     const size_t name_room = 127 - strlen("/var/run/");
     auto line = [&](const std::string& name, const std::string& content) { return name + " 644 " + content + "\n"; };
     EXPECT_EQ(outcome.files, line((app + "-" + thread).substr(0, name_room), (tid + " " + thread + " ").substr(0, 127)) +
                                  line("app-rx", tid + " rx ") + line("app-tz", tid + " tz ") +
                                  line(std::string(name_room, 'b'), tid + " rb ") + line("cli", tid + " cli ") +
-                                 line("sw-ry", tid + " ry ") + line("tx", tid + " tx "));
-}
-
-TEST(ThreadRegister, ReRegisteringReplacesTheFileWithTheNewerThread) {
-    RUN_OR_SKIP(outcome, [] {
-        write_file("/var/run/app-rx", std::string(100, 'x'));  // longer than what follows
-        thread_register("app", "rx");
-        std::string other;
-        std::thread([&other] {
-            thread_register("app", "rx");
-            other = std::to_string(syscall(SYS_gettid));
-        }).join();
-        return other;
-    });
-    ASSERT_FALSE(outcome.note.empty());
-    EXPECT_NE(outcome.note, outcome.tid);
-    EXPECT_EQ(outcome.files, "app-rx 644 " + outcome.note + " rx \n");
+                                 line("sw-ry", tid + " ry ") + line("sw-rz", outcome.note + " rz ") +
+                                 line("tx", tid + " tx "));
 }
 
 }  // namespace
