@@ -1,12 +1,18 @@
-// Builds small command trees for the parser's tests, and records what the
-// command callbacks received.
+// Builds command trees for the CLI tests, records what the command
+// callbacks received, and sets up a lab switch's commands.
 #pragma once
 
 #include <cstdint>
-#include <deque>
+#include <cstdio>
 #include <initializer_list>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
+#include "cli_capture.h"
+#include "cli_session.h"
 #include "host_cli.h"
 
 namespace corvex_test {
@@ -15,17 +21,18 @@ class TreeBuilder {
 public:
     parser_node_info* keyword(const char* word, const char* help, std::initializer_list<parser_node_info*> next,
                               int security_level = 0, bool hidden = false) {
-        auto& node = keywords_.emplace_back();
+        auto& node = add<parser_type_keyword>();
+        last_keyword_ = &node;
         node.keyword = word;
         node.hidden = hidden;
         return link(node.info, PARSER_NODE_KEYWORD, help, next, security_level);
     }
 
-    parser_type_keyword& last_keyword() { return keywords_.back(); }
+    parser_type_keyword& last_keyword() { return *last_keyword_; }
 
     parser_node_info* number(u_int64_t min, u_int64_t max, const char* help,
                              std::initializer_list<parser_node_info*> next, bool default_ok = false) {
-        auto& node = numbers_.emplace_back();
+        auto& node = add<parser_type_unsigned_number>();
         node.min = min;
         node.max = max;
         node.default_ok = default_ok;
@@ -34,14 +41,14 @@ public:
 
     parser_node_info* address(uintptr_t min, uintptr_t max, const char* help,
                               std::initializer_list<parser_node_info*> next) {
-        auto& node = addresses_.emplace_back();
+        auto& node = add<parser_type_address>();
         node.min = reinterpret_cast<void*>(min);
         node.max = reinterpret_cast<void*>(max);
         return link(node.info, PARSER_NODE_ADDRESS, help, next, 0);
     }
 
     parser_node_info* end(parser_callback_fn_t callback, u_int32_t magic, int security_level = 0) {
-        auto& node = ends_.emplace_back();
+        auto& node = add<parser_type_end_of_line>();
         node.callback = callback;
         node.magic_number = magic;
         return link(node.info, PARSER_NODE_END_OF_LINE, nullptr, {}, security_level);
@@ -49,8 +56,7 @@ public:
 
     // A node of a type the tree's own parsers handle.
     parser_node_info* custom(int type, const char* help, std::initializer_list<parser_node_info*> next) {
-        auto& node = customs_.emplace_back();
-        return link(node, type, help, next, 0);
+        return link(add<parser_node_info>(), type, help, next, 0);
     }
 
     parser_tree_info tree(std::initializer_list<parser_node_info*> top, parser_cmd_info* sub_parsers = nullptr) {
@@ -76,11 +82,13 @@ private:
         return &info;
     }
 
-    std::deque<parser_type_keyword> keywords_;
-    std::deque<parser_type_unsigned_number> numbers_;
-    std::deque<parser_type_address> addresses_;
-    std::deque<parser_type_end_of_line> ends_;
-    std::deque<parser_node_info> customs_;
+    template <class Node>
+    Node& add() {
+        return *static_cast<Node*>(nodes_.emplace_back(std::make_shared<Node>()).get());
+    }
+
+    std::vector<std::shared_ptr<void>> nodes_;
+    parser_type_keyword* last_keyword_ = nullptr;
 };
 
 // One callback call as the test saw it.
@@ -100,5 +108,102 @@ inline void record_command(parser_config* config, parser_result* result, u_int32
     recorded_commands().push_back(
         {config, magic, std::vector<parser_item>(result->item, result->item + result->item_count)});
 }
+
+// The recorded calls as "magic item...": n<number>, a<address>, k<keyword value>.
+inline std::vector<std::string> recorded_summary() {
+    std::vector<std::string> lines;
+    for (const auto& call : recorded_commands()) {
+        std::string line = std::to_string(call.magic);
+        for (const auto& item : call.items) {
+            char address[24];
+            snprintf(address, sizeof address, " a%p", item.data.address);
+            line += item.type == PARSER_RES_unsigned_number ? " n" + std::to_string(item.data.unsigned_number)
+                    : item.type == PARSER_RES_address       ? std::string(address)
+                    : item.type == PARSER_RES_keyword_value ? " k" + std::to_string(item.data.keyword_value)
+                                                            : " type" + std::to_string(item.type);
+        }
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+inline std::vector<std::string> completions(parser_config* session, const char* line) {
+    std::vector<std::string> words;
+    const int count = cli_session_complete(
+        session, line, [](void* found, const char* word) { static_cast<std::vector<std::string>*>(found)->push_back(word); },
+        &words);
+    EXPECT_EQ(count, static_cast<int>(words.size()));
+    return words;
+}
+
+// A lab switch's commands, shaped like the ones the library hangs below
+// the host's roots, and a session on them.
+class LabCli : public testing::Test {
+protected:
+    LabCli() {
+        TreeBuilder& t = builder_;
+        port_number_ = t.number(1, 48, "port number",
+                                {t.end(record_command, 2), t.keyword("counters", "port counters", {t.end(record_command, 3)}),
+                                 t.keyword("config", "port configuration", {t.end(record_command, 4)})});
+        auto* show = t.keyword(
+            "show", "show information",
+            {t.end(parser_vty_show, 0), t.keyword("port", "one port", {port_number_}),
+             t.keyword("ports", "all ports", {t.end(record_command, 5)}),
+             t.keyword("memory", "memory at an address",
+                       {t.address(0x1000, 0xffff, "memory address",
+                                  {t.end(record_command, 6),
+                                   t.number(0, UINT64_MAX, "byte count", {t.end(record_command, 7)})})}),
+             t.keyword("secret", "secret data", {t.end(record_command, 8)}, 10),
+             t.keyword("limit", "a limit that may be left out",
+                       {t.number(7, 99, "limit", {t.end(record_command, 12)}, true)})});
+        auto* set = t.keyword(
+            "set", "set parameters",
+            {t.keyword("security", "set the parser security level",
+                       {t.number(0, 20, "security level", {t.end(parser_vty_set, 0)})}),
+             t.keyword("speed", "port speed",
+                       {t.number(1, 48, "port", {t.number(10, 100000, "speed in Mbit/s", {t.end(record_command, 9)})})})});
+        auto* fast = t.keyword("fast", "fast mode", {t.end(record_command, 11)});
+        t.last_keyword().usevalue = 1;
+        t.last_keyword().value = 3;
+        auto* slow = t.keyword("slow", "slow mode", {t.end(record_command, 11)});
+        t.last_keyword().usevalue = 1;
+        t.last_keyword().value = -1;
+        t.last_keyword().no_case_sense = 1;
+        tree_ = t.tree({show, set, t.keyword("shutdown", "stop the device", {t.end(record_command, 10)}),
+                        t.keyword("mode", "running mode", {fast, slow}),
+                        t.keyword("debug", "enable debugging", {t.end(parser_vty_debug, 0)}),
+                        t.keyword("undebug", "disable debugging", {t.end(parser_vty_undebug, 0)}),
+                        t.keyword("clear", "clear information", {t.end(parser_vty_clear, 0)}),
+                        t.keyword("test", "run test command", {t.end(parser_vty_test, 0)}),
+                        t.keyword("single-line-mode", "single line mode", {t.end(parser_vty_single_line_mode, 0)}, 0,
+                                  true)});
+        session_ = cli_session_create(&tree_);
+        recorded_commands().clear();
+    }
+    ~LabCli() override { cli_session_destroy(session_); }
+
+    // Runs line and returns what it printed.
+    std::string run(const char* line, cli_status expected = CLI_OK) {
+        CliCapture capture;
+        EXPECT_EQ(cli_session_execute(session_, line), expected) << line;
+        return capture.text();
+    }
+
+    struct Line {
+        const char* text;
+        const char* output = "";
+        cli_status status = CLI_OK;
+    };
+    void expect_lines(std::initializer_list<Line> lines) {
+        for (const Line& line : lines) EXPECT_EQ(run(line.text, line.status), line.output) << line.text;
+    }
+
+    std::vector<std::string> complete(const char* line) { return completions(session_, line); }
+
+    TreeBuilder builder_;
+    parser_node_info* port_number_ = nullptr;
+    parser_tree_info tree_{};
+    parser_config* session_ = nullptr;
+};
 
 }  // namespace corvex_test

@@ -2,7 +2,6 @@
 #include <pthread.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -15,13 +14,20 @@
 
 namespace {
 
-// Bounds a wait that normally takes a few periods, so a broken timer fails
+// Waits until done() holds, for long enough that only a broken timer fails
 // the test instead of hanging it.
-constexpr auto kPatience = std::chrono::seconds(20);
+template <class Done>
+bool eventually(Done done) {
+    for (int ms = 0; !done(); ++ms) {
+        if (ms == 20000) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
 
 struct Call {
     zrmodule_timer* timer;
-    time_t interval;
+    time_t interval;  // or, for destroy_own_module, what zrmodule_destroy answered
     pthread_t thread;
     std::string thread_name;
     zrmodule* module;
@@ -30,9 +36,12 @@ struct Call {
 // What the timer functions saw, shared with the test thread.
 struct Journal {
     std::mutex lock;
-    std::condition_variable changed;
     std::vector<Call> calls;
 
+    void add(const Call& call) {
+        std::lock_guard guard(lock);
+        calls.push_back(call);
+    }
     size_t count(zrmodule_timer* timer) {
         std::lock_guard guard(lock);
         size_t n = 0;
@@ -40,12 +49,7 @@ struct Journal {
         return n;
     }
     bool wait_for(zrmodule_timer* timer, size_t n) {
-        std::unique_lock guard(lock);
-        return changed.wait_for(guard, kPatience, [&] {
-            size_t seen = 0;
-            for (const auto& call : calls) seen += call.timer == timer;
-            return seen >= n;
-        });
+        return eventually([&] { return count(timer) >= n; });
     }
 };
 
@@ -54,10 +58,7 @@ Journal* journal_of(zrmodule_timer* timer) { return static_cast<Journal*>(zrmodu
 void record_call(zrmodule_timer* timer, time_t interval) {
     char name[16] = {};
     pthread_getname_np(pthread_self(), name, sizeof name);
-    Journal* journal = journal_of(timer);
-    std::lock_guard guard(journal->lock);
-    journal->calls.push_back({timer, interval, pthread_self(), name, zrmodule_current()});
-    journal->changed.notify_all();
+    journal_of(timer)->add({timer, interval, pthread_self(), name, zrmodule_current()});
 }
 
 // Quits before the call is visible, so a test that saw it can rely on the code.
@@ -66,19 +67,20 @@ void quit_with_7(zrmodule_timer* timer, time_t interval) {
     record_call(timer, interval);
 }
 
+void destroy_own_module(zrmodule_timer* timer, time_t) {
+    const int result = zrmodule_destroy(zrmodule_current());
+    journal_of(timer)->add({timer, static_cast<time_t>(result), pthread_self(), "", nullptr});
+}
+
 utime_t millis(long ms) { return utime_t{ms / 1000, (ms % 1000) * 1000}; }
 
 // Owns a module for one test so its task never outlives the journal.
 struct ModuleGuard {
     zrmodule* module;
-    ~ModuleGuard() {
-        if (module != nullptr) {
-            EXPECT_EQ(zrmodule_destroy(module), 0);
-        }
-    }
+    ~ModuleGuard() { EXPECT_EQ(module == nullptr ? 0 : zrmodule_destroy(module), 0); }
 };
 
-TEST(Module, TimersRunAtTheirIntervalsOnTheModulesNamedTask) {
+TEST(Module, TimersRunAtTheirIntervalsDelaysAndCountsOnTheModulesNamedTask) {
     Journal journal;
     ModuleGuard owner{zrmodule_alloc("SHEAF Backgroud with a longer name", 0, &journal)};
     zrmodule* module = owner.module;
@@ -86,99 +88,63 @@ TEST(Module, TimersRunAtTheirIntervalsOnTheModulesNamedTask) {
     EXPECT_STREQ(zrmodule_name(module), "SHEAF Backgroud with a longer name");
     EXPECT_EQ(zrmodule_context(module), &journal);
     EXPECT_EQ(zrmodule_running(module), 0);
+
+    // Added before the task starts, from durations on the caller's stack
+    // that change afterwards.
+    utime_t fast = millis(20), slow = millis(50), immediately = {0, 0}, far_away = {3600, 0};
+    zrmodule_timer* thrice = zrmodule_timer_ucreate(module, "thrice", 0, &immediately, &fast, 3, record_call, &journal);
+    zrmodule_timer* late = zrmodule_timer_ucreate(module, "late", 0, &far_away, &fast, 0, record_call, &journal);
+    zrmodule_timer* ticker = zrmodule_timer_ucreate(module, "ticker", 0, nullptr, &fast, 0, record_call, &journal);
+    zrmodule_timer* slow_timer = zrmodule_timer_ucreate(module, "slow", 0, &slow, &slow, 0, record_call, &journal);
+    ASSERT_TRUE(thrice && late && ticker && slow_timer);
+    fast = slow = utime_t{100000, 0};
+    EXPECT_STREQ(zrmodule_timer_name(ticker), "ticker");
+    EXPECT_EQ(journal.count(thrice), 0u) << "nothing fires before the task starts";
     ASSERT_NE(zrmodule_create(module), 0);
     EXPECT_EQ(zrmodule_create(module), 0) << "a module starts once";
 
-    // The durations live on the caller's stack: changing them afterwards
-    // must not change the timers.
-    utime_t fast = millis(20);
-    utime_t slow = millis(50);
-    zrmodule_timer* fast_timer = zrmodule_timer_ucreate(module, "fast", 0, &fast, &fast, 0, record_call, &journal);
-    zrmodule_timer* slow_timer = zrmodule_timer_ucreate(module, "slow", 0, &slow, &slow, 0, record_call, &journal);
-    ASSERT_NE(fast_timer, nullptr);
-    ASSERT_NE(slow_timer, nullptr);
-    fast = utime_t{100000, 0};
-    slow = utime_t{100000, 0};
-    EXPECT_STREQ(zrmodule_timer_name(fast_timer), "fast");
-
-    ASSERT_TRUE(journal.wait_for(fast_timer, 10));
+    ASSERT_TRUE(journal.wait_for(thrice, 3));
     ASSERT_TRUE(journal.wait_for(slow_timer, 2));
+    // Many periods later the limited timer has not fired again, and the one
+    // with an hour's initial delay has not fired at all.
+    ASSERT_TRUE(journal.wait_for(ticker, journal.count(ticker) + 8));
     EXPECT_EQ(zrmodule_running(module), 1);
+    EXPECT_EQ(journal.count(thrice), 3u);
+    EXPECT_EQ(zrmodule_timer_calls(thrice), 3u);
+    EXPECT_EQ(journal.count(late), 0u);
     ASSERT_EQ(zrmodule_destroy(module), 0);
     owner.module = nullptr;
 
-    // With the task gone nothing runs any more.
-    const size_t fast_calls = journal.count(fast_timer);
-    const size_t slow_calls = journal.count(slow_timer);
-    EXPECT_GE(fast_calls, slow_calls) << "a 20 ms timer fires at least as often as a 50 ms one";
-
     std::lock_guard guard(journal.lock);
+    EXPECT_EQ(journal.calls.front().timer, thrice) << "a zero initial delay fires first";
     const pthread_t task = journal.calls.front().thread;
     EXPECT_FALSE(pthread_equal(task, pthread_self()));
     for (const auto& call : journal.calls) {
         EXPECT_TRUE(pthread_equal(call.thread, task)) << "every call on the module's one task";
         EXPECT_EQ(call.thread_name, "SHEAF Backgroud") << "kernel keeps 15 characters";
-        EXPECT_EQ(call.interval, call.timer == fast_timer ? 20 : 50) << "period in milliseconds";
+        EXPECT_EQ(call.interval, call.timer == slow_timer ? 50 : 20) << "period in milliseconds";
+        EXPECT_EQ(call.module, module);
     }
-}
-
-TEST(Module, TimersWaitForTheTaskAndHonourDelaysAndCounts) {
-    Journal journal;
-    ModuleGuard owner{zrmodule_alloc("counts", 0, nullptr)};
-    zrmodule* module = owner.module;
-    utime_t period = millis(20);
-    utime_t immediately = {0, 0};
-    utime_t far_away = {3600, 0};
-    // Added before the task starts: nothing can fire yet.
-    zrmodule_timer* thrice = zrmodule_timer_ucreate(module, "thrice", 0, &immediately, &period, 3, record_call, &journal);
-    zrmodule_timer* late = zrmodule_timer_ucreate(module, "late", 0, &far_away, &period, 0, record_call, &journal);
-    zrmodule_timer* ticker = zrmodule_timer_ucreate(module, "ticker", 0, nullptr, &period, 0, record_call, &journal);
-    ASSERT_NE(thrice, nullptr);
-    ASSERT_NE(late, nullptr);
-    ASSERT_NE(ticker, nullptr);
-    EXPECT_EQ(journal.count(thrice), 0u);
-    ASSERT_NE(zrmodule_create(module), 0);
-
-    ASSERT_TRUE(journal.wait_for(thrice, 3));
-    // Many periods later the limited timer has not fired again, and the one
-    // with an hour's initial delay has not fired at all.
-    const size_t ticks = journal.count(ticker);
-    ASSERT_TRUE(journal.wait_for(ticker, ticks + 8));
-    EXPECT_EQ(journal.count(thrice), 3u);
-    EXPECT_EQ(journal.count(late), 0u);
-    EXPECT_EQ(zrmodule_timer_calls(thrice), 3u);
-    std::lock_guard guard(journal.lock);
-    EXPECT_EQ(journal.calls.front().timer, thrice) << "a zero initial delay fires first";
-    for (const auto& call : journal.calls) EXPECT_EQ(call.module, module);
 }
 
 TEST(Module, QuitOnTheTaskEndsItElsewhereOnlyRecordsTheCode) {
     Journal journal;
+    utime_t period = millis(20);
     ModuleGuard owner{zrmodule_alloc("quitter", 0, nullptr)};
     zrmodule* module = owner.module;
-    utime_t period = millis(20);
     ASSERT_NE(zrmodule_create(module), 0);
     EXPECT_EQ(zrmodule_exit_code(module), -1);
     zrmodule_timer* timer = zrmodule_timer_ucreate(module, "quit", 0, nullptr, &period, 0, quit_with_7, &journal);
     ASSERT_TRUE(journal.wait_for(timer, 1));
+    EXPECT_EQ(zrmodule_exit_code(module), 7);
+    // The task ends right after the function that quit returns.
+    EXPECT_TRUE(eventually([&] { return zrmodule_running(module) == 0; }));
     zrmodule_timer* after = zrmodule_timer_ucreate(module, "after", 0, &period, &period, 0, record_call, &journal);
     ASSERT_NE(after, nullptr) << "the handle stays usable after its task ended";
     ASSERT_EQ(zrmodule_destroy(module), 0);  // joins the ended task
     owner.module = nullptr;
     EXPECT_EQ(journal.count(timer), 1u);
     EXPECT_EQ(journal.count(after), 0u);
-
-    zrmodule* ended = zrmodule_alloc("ended", 0, nullptr);
-    ASSERT_NE(zrmodule_create(ended), 0);
-    zrmodule_timer* once = zrmodule_timer_ucreate(ended, "quit", 0, nullptr, &period, 0, quit_with_7, &journal);
-    ASSERT_TRUE(journal.wait_for(once, 1));
-    EXPECT_EQ(zrmodule_exit_code(ended), 7);
-    // The task ends right after the function that quit returns.
-    for (int spins = 0; zrmodule_running(ended) && spins < 20000; ++spins) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_EQ(zrmodule_running(ended), 0);
-    EXPECT_EQ(zrmodule_destroy(ended), 0);
 
     zrmodule_quit(22);
     EXPECT_EQ(zrmodule_last_quit_code(), 22);
@@ -187,26 +153,10 @@ TEST(Module, QuitOnTheTaskEndsItElsewhereOnlyRecordsTheCode) {
     EXPECT_EQ(zrmodule_current(), nullptr);
 }
 
-void destroy_own_module(zrmodule_timer* timer, time_t interval) {
-    // A task cannot wait for itself to end.
-    const int result = zrmodule_destroy(zrmodule_current());
-    Journal* journal = journal_of(timer);
-    {
-        std::lock_guard guard(journal->lock);
-        journal->calls.push_back({timer, static_cast<time_t>(result), pthread_self(), "", nullptr});
-    }
-    journal->changed.notify_all();
-    (void)interval;
-}
-
 TEST(Module, RefusesWhatCannotWork) {
     Journal journal;
-    utime_t period = millis(20);
-    utime_t zero = {0, 0};
-    utime_t negative = {-1, 0};
-    utime_t negative_micros = {0, -5};
+    utime_t period = millis(20), zero = {0, 0}, negative = {-1, 0}, negative_micros = {0, -5};
     utime_t too_long = {static_cast<time_t>(0x7fffffff), 999999};
-
     EXPECT_EQ(zrmodule_alloc(nullptr, 0, nullptr), nullptr);
     EXPECT_EQ(zrmodule_create(nullptr), 0);
     EXPECT_EQ(zrmodule_destroy(nullptr), 22);
@@ -221,14 +171,12 @@ TEST(Module, RefusesWhatCannotWork) {
     EXPECT_EQ(zrmodule_create(negative_stack.module), 0);
 
     zrmodule* m = tiny.module;
-    EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, nullptr, 0, record_call, nullptr), nullptr);
     EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, &period, 0, nullptr, nullptr), nullptr);
-    EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, &zero, 0, record_call, nullptr), nullptr);
-    EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, &negative, 0, record_call, nullptr), nullptr);
-    EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &negative_micros, &period, 0, record_call, nullptr), nullptr);
-    if (sizeof(time_t) > 4) {
-        utime_t beyond = {static_cast<time_t>(int64_t{1} << 32), 0};
-        EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, &period, &beyond, 0, record_call, nullptr), nullptr);
+    utime_t beyond = {static_cast<time_t>(sizeof(time_t) > 4 ? (int64_t{1} << 32) : -1), 0};
+    utime_t* refused[][2] = {{&period, nullptr}, {&period, &zero}, {&period, &negative},
+                             {&negative_micros, &period}, {&period, &beyond}};  // {initial, interval}
+    for (auto& [initial, interval] : refused) {
+        EXPECT_EQ(zrmodule_timer_ucreate(m, "t", 0, initial, interval, 0, record_call, nullptr), nullptr);
     }
     zrmodule_timer* longest = zrmodule_timer_ucreate(m, nullptr, 0, nullptr, &too_long, 0, record_call, &journal);
     ASSERT_NE(longest, nullptr) << "the longest interval is allowed";
@@ -239,7 +187,7 @@ TEST(Module, RefusesWhatCannotWork) {
     zrmodule_timer* timer = zrmodule_timer_ucreate(self.module, "d", 0, nullptr, &period, 1, destroy_own_module, &journal);
     ASSERT_TRUE(journal.wait_for(timer, 1));
     std::lock_guard guard(journal.lock);
-    EXPECT_EQ(journal.calls.back().interval, 22);
+    EXPECT_EQ(journal.calls.back().interval, 22) << "a task cannot wait for itself to end";
 }
 
 }  // namespace

@@ -1,34 +1,28 @@
-// A clock under the test's control.
-//
-// The test binary defines clock_gettime, gettimeofday and
-// pthread_cond_timedwait itself, so the library's calls land here. While a
-// FakeClock exists, the monotonic clock and the wall clock read what the
-// test set, and a timed wait returns at once, recording its deadline;
-// otherwise every call goes to the system.
+// A clock under the test's control. The test binary defines clock_gettime,
+// gettimeofday and pthread_cond_timedwait itself: while a FakeClock exists,
+// the monotonic and wall clocks read its fields and a timed wait returns at
+// once, recording its deadline; otherwise every call goes to the system.
 #pragma once
 
 #include <sys/time.h>
 #include <time.h>
 
+#include <deque>
 #include <vector>
 
 namespace corvex_test {
 
-class FakeClock {
-public:
+struct FakeClock {
     FakeClock();
     ~FakeClock();
     FakeClock(const FakeClock&) = delete;
     FakeClock& operator=(const FakeClock&) = delete;
 
-    void set_monotonic(time_t seconds, long nanoseconds);
-    // clock_gettime(CLOCK_MONOTONIC) fails from now on.
-    void fail_monotonic();
-    void set_wall(time_t seconds, suseconds_t microseconds);
-    // The results of the next timed waits, in order; ETIMEDOUT once used up.
-    void script_waits(std::vector<int> results);
-    // The deadline of every timed wait so far.
-    const std::vector<timespec>& wait_deadlines() const;
+    timespec monotonic{};
+    bool monotonic_fails = false;  // clock_gettime(CLOCK_MONOTONIC) fails with EINVAL
+    timeval wall{};
+    std::deque<int> wait_results;  // of the next timed waits, in order; then ETIMEDOUT
+    std::vector<timespec> wait_deadlines;
 };
 
 }  // namespace corvex_test

@@ -1,7 +1,6 @@
 // The event timestamp ring: what is printed, in which order, in which
 // format, and when printing stops.
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <time.h>
 
 #include <cstdarg>
 #include <cstdio>
@@ -14,15 +13,15 @@
 
 namespace {
 
+using Lines = std::vector<std::string>;
+
 // A printf-style sink for event_timestamp_record_print.
-std::vector<std::string> printed;
-int fail_from_call = -1;  // the call (0-based) that answers -1; -1: none
+Lines printed;
+int fail_at_call = -1;  // the call (0-based) that answers -1; -1: none
 int calls = 0;
 
 int capture_print(const char* format, ...) {
-    if (calls++ == fail_from_call) {
-        return -1;
-    }
+    if (calls++ == fail_at_call) return -1;
     char line[256];
     va_list args;
     va_start(args, format);
@@ -32,47 +31,50 @@ int capture_print(const char* format, ...) {
     return length;
 }
 
-std::vector<std::string> print_ring(int fail_at = -1) {
+Lines print_ring(int fail_at = -1) {
     printed.clear();
     calls = 0;
-    fail_from_call = fail_at;
+    fail_at_call = fail_at;
     event_timestamp_record_print(capture_print);
     return printed;
 }
 
-// The name and start/end columns of each printed line (the text before " at ").
-std::vector<std::string> columns(const std::vector<std::string>& lines) {
-    std::vector<std::string> result;
-    for (const auto& line : lines) {
-        result.push_back(line.substr(0, line.find(" at ")));
-    }
+// Each printed line up to its " at ".
+Lines columns(const Lines& lines) {
+    Lines result;
+    for (const auto& line : lines) result.push_back(line.substr(0, line.find(" at ")));
     return result;
 }
 
-std::string column(const std::string& name, const char* kind) {
+std::string column(const char* name, const char* kind) {
     char text[128];
-    snprintf(text, sizeof text, "%-32s  %-5s", name.c_str(), kind);
+    snprintf(text, sizeof text, "%-32s  %-5s", name, kind);
     return text;
 }
 
 long long monotonic_us() {
     timespec now{};
-    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000000ll + now.tv_nsec / 1000;
 }
 
-TEST(EventTimestamps, LineFormatAndTimestamps) {
-    event_timestamp_record_init(4);
+TEST(EventTimestamps, LineFormatTimestampsAndNames) {
+    char name[] = "before";
+    event_timestamp_record_init(8);
     const long long before = monotonic_us();
     event_timestamp_record("boot", 1);
     event_timestamp_record("boot", 0);
     event_timestamp_record("a-name-longer-than-thirty-two-characters", 2);
+    event_timestamp_record("x", 256);  // start is the low eight bits
+    event_timestamp_record("y", 257);
+    event_timestamp_record("z", -1);
+    event_timestamp_record(name, 1);  // kept by pointer
     const long long after = monotonic_us();
+    snprintf(name, sizeof name, "after");
     const auto lines = print_ring();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_EQ(lines[0].substr(0, 43), "boot                              start at ");
-    EXPECT_EQ(lines[1].substr(0, 43), "boot                              end   at ");
-    EXPECT_EQ(lines[2].substr(0, 51), "a-name-longer-than-thirty-two-characters  start at ");
+    EXPECT_EQ(columns(lines), (Lines{"boot                              start", "boot                              end  ",
+                                     "a-name-longer-than-thirty-two-characters  start", column("x", "end"),
+                                     column("y", "start"), column("z", "start"), column("after", "start")}));
     for (const auto& line : lines) {
         unsigned int sec = 0, usec = 0;
         char tail = 0;
@@ -85,55 +87,38 @@ TEST(EventTimestamps, LineFormatAndTimestamps) {
     }
 }
 
-TEST(EventTimestamps, StartIsItsLowEightBits) {
-    event_timestamp_record_init(8);
-    event_timestamp_record("x", 256);
-    event_timestamp_record("y", 257);
-    event_timestamp_record("z", -1);
-    EXPECT_EQ(columns(print_ring()), (std::vector<std::string>{column("x", "end"), column("y", "start"),
-                                                               column("z", "start")}));
-}
-
 TEST(EventTimestamps, WrappedRingPrintsAllButTheOldest) {
     static const char* const names[] = {"r1", "r2", "r3", "r4", "r5", "r6"};
     event_timestamp_record_init(4);
     for (int i = 0; i < 4; ++i) event_timestamp_record(names[i], 1);
-    EXPECT_EQ(columns(print_ring()),
-              (std::vector<std::string>{column("r2", "start"), column("r3", "start"), column("r4", "start")}));
+    EXPECT_EQ(columns(print_ring()), (Lines{column("r2", "start"), column("r3", "start"), column("r4", "start")}));
     for (int i = 4; i < 6; ++i) event_timestamp_record(names[i], 0);
-    EXPECT_EQ(columns(print_ring()),
-              (std::vector<std::string>{column("r4", "start"), column("r5", "end"), column("r6", "end")}));
+    EXPECT_EQ(columns(print_ring()), (Lines{column("r4", "start"), column("r5", "end"), column("r6", "end")}));
     // A ring of one record never shows it.
     event_timestamp_record_init(1);
     event_timestamp_record("only", 1);
     EXPECT_TRUE(print_ring().empty());
+    // At most 65535 records: clamped, then wrapped once.
+    event_timestamp_record_init(70000);
+    static const char* const many[] = {"first", "second", "other"};
+    for (int i = 0; i < 65535; ++i) event_timestamp_record(many[i < 2 ? i : 2], 1);
+    const auto lines = print_ring();
+    ASSERT_EQ(lines.size(), 65534u);
+    EXPECT_EQ(columns({lines.front()}), Lines{column("second", "start")});
+    event_timestamp_record_init(0);
 }
 
-TEST(EventTimestamps, NamesAreKeptByPointer) {
-    char name[] = "before";
-    event_timestamp_record_init(2);
-    event_timestamp_record(name, 1);
-    snprintf(name, sizeof name, "after");
-    EXPECT_EQ(columns(print_ring()), std::vector<std::string>{column("after", "start")});
-}
-
-TEST(EventTimestamps, NegativePrintResultStopsPrinting) {
+TEST(EventTimestamps, NegativePrintResultStopsPrintingAndEmptyOrAbsentRingsPrintNothing) {
     event_timestamp_record_init(5);
     for (int i = 0; i < 4; ++i) event_timestamp_record("step", i % 2);
     EXPECT_EQ(print_ring(1).size(), 1u);
-    EXPECT_EQ(calls, 2);  // nothing after the failed call
+    EXPECT_EQ(calls, 2) << "nothing after the failed call";
     EXPECT_EQ(print_ring(0).size(), 0u);
     EXPECT_EQ(calls, 1);
-}
-
-TEST(EventTimestamps, EmptyAbsentAndReplacedRings) {
+    // A new ring replaces the old one and its records.
     event_timestamp_record_init(3);
     EXPECT_TRUE(print_ring().empty());
     EXPECT_EQ(calls, 0);
-    // A new ring replaces the old one and its records.
-    event_timestamp_record("old", 1);
-    event_timestamp_record_init(3);
-    EXPECT_TRUE(print_ring().empty());
     // No ring: recording does nothing, printing prints nothing.
     for (int entries : {0, -5}) {
         event_timestamp_record_init(entries);
@@ -142,16 +127,6 @@ TEST(EventTimestamps, EmptyAbsentAndReplacedRings) {
     }
     event_timestamp_record_init(2);
     event_timestamp_record_print(nullptr);
-}
-
-TEST(EventTimestamps, RingHoldsAtMost65535Records) {
-    event_timestamp_record_init(70000);
-    static const char* const names[] = {"first", "second", "other"};
-    for (int i = 0; i < 65535; ++i) event_timestamp_record(names[i < 2 ? i : 2], 1);
-    const auto lines = print_ring();
-    ASSERT_EQ(lines.size(), 65534u);  // clamped to 65535 and wrapped once
-    EXPECT_EQ(columns({lines.front()})[0], column("second", "start"));
-    event_timestamp_record_init(0);
 }
 
 }  // namespace

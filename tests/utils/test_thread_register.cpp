@@ -24,19 +24,6 @@
 
 namespace {
 
-struct RegisteredFile {
-    unsigned int mode;
-    std::string content;
-    bool operator==(const RegisteredFile&) const = default;
-};
-
-struct Outcome {
-    std::string unavailable;  // why no private /var/run could be made
-    pid_t child = 0;
-    std::string note;  // what the scenario reported
-    std::map<std::string, RegisteredFile> files;
-};
-
 void write_file(const char* path, const std::string& text) {
     const int fd = open(path, O_WRONLY | O_CREAT | O_TRUNC, 0644);
     if (fd >= 0) {
@@ -45,178 +32,120 @@ void write_file(const char* path, const std::string& text) {
     }
 }
 
-std::string read_file(const std::string& path) {
+std::string read_fd(int fd) {
     std::string text;
-    const int fd = open(path.c_str(), O_RDONLY);
     char chunk[256];
-    for (ssize_t n; fd >= 0 && (n = read(fd, chunk, sizeof chunk)) > 0;) {
-        text.append(chunk, static_cast<size_t>(n));
-    }
+    for (ssize_t n; fd >= 0 && (n = read(fd, chunk, sizeof chunk)) > 0;) text.append(chunk, static_cast<size_t>(n));
     if (fd >= 0) close(fd);
     return text;
 }
 
-bool private_var_run(std::string* why) {
+// Empty string when done, else why not.
+std::string make_private_var_run() {
     const uid_t uid = geteuid();
     const gid_t gid = getegid();
+    if (unshare(uid == 0 ? CLONE_NEWNS : CLONE_NEWUSER | CLONE_NEWNS) != 0) return std::string("unshare: ") + strerror(errno);
     if (uid != 0) {
-        if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-            *why = std::string("user namespace: ") + strerror(errno);
-            return false;
-        }
         write_file("/proc/self/setgroups", "deny");
         write_file("/proc/self/uid_map", "0 " + std::to_string(uid) + " 1");
         write_file("/proc/self/gid_map", "0 " + std::to_string(gid) + " 1");
-    } else if (unshare(CLONE_NEWNS) != 0) {
-        *why = std::string("mount namespace: ") + strerror(errno);
-        return false;
     }
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", "/var/run", "tmpfs", 0, "mode=0755") != 0) {
-        *why = std::string("tmpfs on /var/run: ") + strerror(errno);
-        return false;
+        return std::string("tmpfs on /var/run: ") + strerror(errno);
     }
     umask(0);  // so the files show the mode the library asked for
-    return true;
+    return "";
 }
 
-// Runs scenario in a child with a private /var/run; returns the files the
-// child found there afterwards (name -> mode and content).
+struct Outcome {
+    std::string unavailable;  // why no private /var/run could be made
+    std::string tid;          // the child's main thread
+    std::string note;         // what the scenario returned
+    std::string files;        // "<name> <octal mode> <content>\n" each, by name
+};
+
+// Runs scenario in a child with a private /var/run and collects the files
+// the child found there afterwards.
 Outcome run_registration(const std::function<std::string()>& scenario) {
     int channel[2];
     EXPECT_EQ(pipe(channel), 0);
     const pid_t child = fork();
     if (child == 0) {
         close(channel[0]);
-        std::string message;
-        std::string why;
-        if (!private_var_run(&why)) {
-            message = "U" + why;
-        } else {
-            message = "N" + scenario();
-            message.push_back('\0');
+        std::string message = make_private_var_run();
+        if (message.empty()) {
+            message = std::string(1, '\0') + scenario() + '\0';
+            std::map<std::string, std::string> files;
             DIR* dir = opendir("/var/run");
             for (dirent* entry; dir != nullptr && (entry = readdir(dir)) != nullptr;) {
-                const std::string name = entry->d_name;
+                const std::string path = std::string("/var/run/") + entry->d_name;
                 struct stat info {};
-                if (name == "." || name == ".." || stat(("/var/run/" + name).c_str(), &info) != 0) continue;
-                message += name + '\0' + std::to_string(info.st_mode & 07777) + '\0' +
-                           read_file("/var/run/" + name) + '\0';
+                if (entry->d_name[0] == '.' || stat(path.c_str(), &info) != 0) continue;
+                char mode[8];
+                snprintf(mode, sizeof mode, " %o ", info.st_mode & 07777);
+                files[entry->d_name] = mode + read_fd(open(path.c_str(), O_RDONLY)) + "\n";
             }
             if (dir != nullptr) closedir(dir);
+            for (const auto& [name, rest] : files) message += name + rest;
         }
-        for (size_t at = 0; at < message.size();) {
-            const ssize_t n = write(channel[1], message.data() + at, message.size() - at);
-            if (n <= 0) break;
-            at += static_cast<size_t>(n);
-        }
+        static_cast<void>(write(channel[1], message.data(), message.size()));  // small: one write
         _exit(0);
     }
     close(channel[1]);
-    const std::string message = read_file("/proc/self/fd/" + std::to_string(channel[0]));
-    close(channel[0]);
+    const std::string message = read_fd(channel[0]);
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    Outcome outcome;
-    outcome.child = child;
-    if (message.empty() || message[0] == 'U') {
-        outcome.unavailable = message.empty() ? "no answer from the child" : message.substr(1);
-        return outcome;
-    }
-    std::vector<std::string> fields;
-    for (size_t at = 1; at < message.size();) {
-        const size_t end = message.find('\0', at);
-        fields.push_back(message.substr(at, end - at));
-        at = end + 1;
-    }
-    outcome.note = fields.at(0);
-    for (size_t i = 1; i + 2 < fields.size(); i += 3) {
-        outcome.files[fields[i]] = {static_cast<unsigned int>(std::stoul(fields[i + 1])), fields[i + 2]};
+    Outcome outcome{"", std::to_string(child), "", {}};
+    const size_t split = message.find('\0', 1);
+    if (message.empty() || message[0] != '\0' || split == std::string::npos) {
+        outcome.unavailable = message.empty() ? "no answer from the child" : message;
+    } else {
+        outcome.note = message.substr(1, split - 1);
+        outcome.files = message.substr(split + 1);
     }
     return outcome;
 }
 
-#define RUN_OR_SKIP(outcome, scenario)                                               \
-    const Outcome outcome = run_registration(scenario);                              \
-    if (!outcome.unavailable.empty()) {                                              \
-        GTEST_SKIP() << "no private /var/run for this test: " << outcome.unavailable; \
-    }
-
-std::string tid_of_caller() { return std::to_string(syscall(SYS_gettid)); }
-
-TEST(ThreadRegister, FileNamesAndContents) {
-    RUN_OR_SKIP(outcome, [] {
+TEST(ThreadRegister, FileNamesContentsAndTheDefaultApplicationName) {
+    const std::string app(60, 'a'), thread(150, 't');
+    const Outcome outcome = run_registration([&] {
         thread_register("app", "rx");
         thread_register(nullptr, "tx");  // no default name yet
-        return std::string();
-    });
-    const std::string tid = std::to_string(outcome.child);  // the child's only thread
-    const std::map<std::string, RegisteredFile> expected = {{"app-rx", {0644, tid + " rx "}},
-                                                            {"tx", {0644, tid + " tx "}}};
-    EXPECT_EQ(outcome.files, expected);
-}
-
-TEST(ThreadRegister, DefaultApplicationNameAndWhatWinsOverIt) {
-    RUN_OR_SKIP(outcome, [] {
         thread_register_set_app_name("sw");
-        thread_register(nullptr, "rx");
-        thread_register("app", "tx");
-        thread_register_set_app_name("");  // back to none
-        thread_register(nullptr, "cli");
-        return std::string();
-    });
-    const std::string tid = std::to_string(outcome.child);
-    const std::map<std::string, RegisteredFile> expected = {
-        {"sw-rx", {0644, tid + " rx "}}, {"app-tx", {0644, tid + " tx "}}, {"cli", {0644, tid + " cli "}}};
-    EXPECT_EQ(outcome.files, expected);
-}
-
-TEST(ThreadRegister, ReRegisteringReplacesTheFileWithTheNewerThread) {
-    RUN_OR_SKIP(outcome, [] {
-        write_file("/var/run/app-rx", std::string(100, 'x'));  // longer than what follows
-        thread_register("app", "rx");
+        thread_register(nullptr, "ry");
+        thread_register("app", "tz");  // a given name wins
+        // Registering again replaces the file (here a longer one) with the newer thread.
+        write_file("/var/run/sw-rz", std::string(100, 'x'));
+        thread_register(nullptr, "rz");
         std::string other;
         std::thread([&other] {
-            thread_register("app", "rx");
-            other = tid_of_caller();
+            thread_register(nullptr, "rz");
+            other = std::to_string(syscall(SYS_gettid));
         }).join();
-        return other;
-    });
-    ASSERT_FALSE(outcome.note.empty());
-    EXPECT_NE(outcome.note, std::to_string(outcome.child));
-    const std::map<std::string, RegisteredFile> expected = {{"app-rx", {0644, outcome.note + " rx "}}};
-    EXPECT_EQ(outcome.files, expected);
-}
-
-TEST(ThreadRegister, PathsAndContentsAreCutAt127Characters) {
-    const std::string app(60, 'a');
-    const std::string thread(150, 't');
-    RUN_OR_SKIP(outcome, ([&] {
-                    thread_register(app.c_str(), thread.c_str());
-                    // Longer than any path: cut like the others.
-                    thread_register_set_app_name(std::string(200, 'b').c_str());
-                    thread_register(nullptr, "rx");
-                    return std::string();
-                }));
-    const std::string tid = std::to_string(outcome.child);
-    const std::string dir = "/var/run/";
-    const std::string long_name = (app + "-" + thread).substr(0, 127 - dir.size());
-    const std::string content = (tid + " " + thread + " ").substr(0, 127);
-    const std::map<std::string, RegisteredFile> expected = {
-        {long_name, {0644, content}}, {std::string(127 - dir.size(), 'b'), {0644, tid + " rx "}}};
-    EXPECT_EQ(outcome.files, expected);
-}
-
-TEST(ThreadRegister, UnwritablePlacesAreSilentlySkipped) {
-    RUN_OR_SKIP(outcome, [] {
+        thread_register_set_app_name("");  // back to none
+        thread_register(nullptr, "cli");
+        // Unwritable places are silently skipped.
         thread_register("app", "no-such-dir/rx");
         thread_register(nullptr, nullptr);
-        return std::string("survived");
+        // Paths and contents are cut at 127 characters.
+        thread_register(app.c_str(), thread.c_str());
+        thread_register_set_app_name(std::string(200, 'b').c_str());
+        thread_register(nullptr, "rb");
+        return other;
     });
-    EXPECT_EQ(outcome.note, "survived");
-    EXPECT_TRUE(outcome.files.empty());
+    if (!outcome.unavailable.empty()) GTEST_SKIP() << "no private /var/run for this test: " << outcome.unavailable;
+    const std::string& tid = outcome.tid;  // the child's main thread
+    ASSERT_FALSE(outcome.note.empty());
+    EXPECT_NE(outcome.note, tid);
+    const size_t name_room = 127 - strlen("/var/run/");
+    auto line = [&](const std::string& name, const std::string& content) { return name + " 644 " + content + "\n"; };
+    EXPECT_EQ(outcome.files, line((app + "-" + thread).substr(0, name_room), (tid + " " + thread + " ").substr(0, 127)) +
+                                 line("app-rx", tid + " rx ") + line("app-tz", tid + " tz ") +
+                                 line(std::string(name_room, 'b'), tid + " rb ") + line("cli", tid + " cli ") +
+                                 line("sw-ry", tid + " ry ") + line("sw-rz", outcome.note + " rz ") +
+                                 line("tx", tid + " tx "));
 }
 
 }  // namespace

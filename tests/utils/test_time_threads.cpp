@@ -2,6 +2,7 @@
 // origin: nobody sees a time from before it or far after it.
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <thread>
@@ -10,8 +11,6 @@
 #include <gtest/gtest.h>
 
 #include "time_util.h"
-
-using testing::ExitedWithCode;
 
 namespace {
 
@@ -23,27 +22,21 @@ namespace {
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
         threads.emplace_back([&ready, &first, i] {
-            ready.fetch_add(1);
-            while (ready.load() < kThreads) {
+            for (ready.fetch_add(1); ready.load() < kThreads;) {
             }
             first[i] = time_get_ms();
         });
     }
     for (auto& thread : threads) thread.join();
-    int zeros = 0;
-    time_ms_t largest = 0;
-    for (time_ms_t value : first) {
-        zeros += value == 0 ? 1 : 0;
-        largest = value > largest ? value : largest;
-    }
     // One thread fixed the origin and read 0; the others read just after.
-    fprintf(stderr, "zero=%s bounded=%s\n", zeros >= 1 ? "yes" : "no", largest < 10000 ? "yes" : "no");
+    fprintf(stderr, "zero=%d bounded=%d\n", std::count(first.begin(), first.end(), 0u) >= 1,
+            *std::max_element(first.begin(), first.end()) < 10000);
     fflush(stderr);
     _exit(0);
 }
 
 TEST(TimeOriginThreads, RacingFirstReadingsAgreeOnTheOrigin) {
-    EXPECT_EXIT(race_first_readings(), ExitedWithCode(0), "zero=yes bounded=yes");
+    EXPECT_EXIT(race_first_readings(), testing::ExitedWithCode(0), "zero=1 bounded=1");
 }
 
 }  // namespace
