@@ -68,19 +68,14 @@ TEST(PacketPools, ChainFollowsTheTableReversedWithIdsInTableOrder) {
     // Descriptor, data area and guard word of a 1500-byte frame in one heap block.
     sheaf_vector_t vector = {packet_alloc, packet_free};
     sheaf_t* sheaf = sheaf_create("1500", 1500, 0, 2, 1, &vector, nullptr);
-    packet_t* p = sheaf->packets;
+    packet_t* p = packet_get_from_sheaf(sheaf);
     ASSERT_NE(p->buffer, nullptr);
-    EXPECT_EQ(std::tuple(p->buffer->maximum, p->buffer->magic, p->buffer->packet, p->buffer->refcount),
-              std::tuple(1596, PACKET_BUFFER_MAGIC, p, 0));
-    EXPECT_EQ(p->buffer_start, p->buffer->data);
-    EXPECT_EQ(p->frame_start, nullptr) << "set at hand-out";
-    EXPECT_EQ(reinterpret_cast<char*>(p->buffer->data) - reinterpret_cast<char*>(p->buffer), sizeof(packet_buffer_t));
+    EXPECT_EQ(std::tuple(p->buffer->maximum, p->buffer->magic, p->buffer->packet, p->frame_start - p->buffer_start),
+              std::tuple(1596, PACKET_BUFFER_MAGIC, p, 64));
+    EXPECT_EQ(reinterpret_cast<char*>(p->buffer_start) - reinterpret_cast<char*>(p->buffer), sizeof(packet_buffer_t));
     EXPECT_EQ(guard_word(p), PACKET_BUFFER_GUARD);
     EXPECT_GE(heap_block_size(p->buffer), sizeof(packet_buffer_t) + 1596 + 4);
     EXPECT_LT(heap_block_size(p->buffer), sizeof(packet_buffer_t) + 1596 + 4 + 40);
-    ASSERT_EQ(packet_get_from_sheaf(sheaf), p);
-    EXPECT_EQ(p->buffer->maximum, 1596) << "taken by sheaf, the buffer keeps its size";
-    EXPECT_EQ(p->frame_start - p->buffer_start, 64);
     packet_return(p);
     EXPECT_TRUE(sheaf_destroy(sheaf));
 }
@@ -206,62 +201,42 @@ TEST(PacketReturn, TheLockMayBeHeldByTheCaller) {
     EXPECT_EQ(pthread_mutex_unlock(&packet_glb_lock), EPERM) << "and not taken twice";
 }
 
-TEST(PacketReturnDeathTest, DamagedPacketsStop) {
-    // Each case damages a fresh packet of that length, then returns it.
+// Each case damages a packet and hands it back or verifies it.
+TEST(PacketDeathTest, DamagedPacketsStopWithTheirMessages) {
     const struct {
-        packet_length_t length;
-        void (*damage)(packet_t*);
+        void (*run)();
         const char* stop;
     } cases[] = {
-        {100, [](packet_t* p) { packet_return(p); },
+        {[] { packet_t* p = packet_get(100); packet_return(p); packet_return(p); },
          "<3>packet_return\\(\\): 0x[0-9a-f]+ \\(sheaf 128\\) has a packet refcount of 0\n.*"
          "packet/packet:[0-9]+: packet_return: Assertion `0' failed"},
-        {300, [](packet_t* p) { p->buffer->refcount = -1; },
+        {[] { packet_t* p = packet_get(300); p->buffer->refcount = -1; packet_return(p); },
          "<3>packet_return\\(\\): 0x[0-9a-f]+ \\(sheaf 512\\) has a buffer refcount of -1\n.*Assertion `0' failed"},
         // 128 frame bytes and 32 of tail room fill the data area; one more hits the guard.
-        {128, [](packet_t* p) { std::memset(p->frame_start, 0, 128 + 32 + 1); },
+        {[] { packet_t* p = packet_get(128); std::memset(p->frame_start, 0, 128 + 32 + 1); packet_return(p); },
          "<0>packet_return: packet corruption \\(addr = 0x0x[0-9a-f]+\\)"},
-        {128, [](packet_t* p) { p->buffer->maximum = 60000; }, "<0>packet_return: packet corruption"},
-        {128, [](packet_t* p) { p->buffer->maximum = 0; }, "<0>packet_return: packet corruption"},
-        {128, [](packet_t* p) { p->buffer->magic = 0; }, "<0>packet_return: invalid packet \\(addr = 0x0x[0-9a-f]+\\)"},
+        {[] { packet_t* p = packet_get(128); p->buffer->maximum = 60000; packet_return(p); },
+         "<0>packet_return: packet corruption"},
+        {[] { packet_t* p = packet_get(128); p->buffer->maximum = 0; packet_return(p); },
+         "<0>packet_return: packet corruption"},
+        {[] { packet_t* p = packet_get(128); p->buffer->magic = 0; packet_return(p); },
+         "<0>packet_return: invalid packet \\(addr = 0x0x[0-9a-f]+\\)"},
+        {[] { packet_return(nullptr); }, "<0>packet_return: invalid packet \\(addr = 0x\\(nil\\)\\)"},
+        {[] { packet_t* p = packet_get(100); p->magic = 1; packet_verify(p, "test"); },
+         "<3>packet_verify: >{47}\n<3>packet_verify: Buffer will underflow....\n"
+         "<3>packet_verify: frame start: 0x0x[0-9a-f]+, buffer start: 0x0x[0-9a-f]+\n<3>packet_verify: >{47}\n"
+         "(.|\n)*<0>packet_verify: invalid buffer"},
+        {[] { packet_verify(nullptr, "test"); },
+         "<3>packet_verify: >{47}\n<3>packet_verify: Buffer will underflow....\n<3>packet_verify: >{47}\n"},
     };
     for (const auto& c : cases) {
         EXPECT_EXIT(
             {
                 corvex_test::syslog_echo_to_stderr(true);
-                packet_t* p = packet_get(c.length);
-                c.damage(p);
-                packet_return(p);
+                c.run();
             },
             ::testing::KilledBySignal(SIGABRT), c.stop);
     }
-    EXPECT_EXIT(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            packet_return(nullptr);
-        },
-        ::testing::KilledBySignal(SIGABRT), "<0>packet_return: invalid packet \\(addr = 0x\\(nil\\)\\)");
-}
-
-TEST(PacketVerifyDeathTest, InvalidPacketLogsFourLinesAndStops) {
-    EXPECT_EXIT(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            packet_t* p = packet_get(100);
-            p->magic = 1;
-            packet_verify(p, "test");
-        },
-        ::testing::KilledBySignal(SIGABRT),
-        "<3>packet_verify: >{47}\n<3>packet_verify: Buffer will underflow....\n"
-        "<3>packet_verify: frame start: 0x0x[0-9a-f]+, buffer start: 0x0x[0-9a-f]+\n<3>packet_verify: >{47}\n"
-        "(.|\n)*<0>packet_verify: invalid buffer");
-    EXPECT_EXIT(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            packet_verify(nullptr, "test");
-        },
-        ::testing::KilledBySignal(SIGABRT),
-        "<3>packet_verify: >{47}\n<3>packet_verify: Buffer will underflow....\n<3>packet_verify: >{47}\n");
 }
 
 }  // namespace

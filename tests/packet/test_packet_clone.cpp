@@ -24,21 +24,18 @@ std::vector<packet_t*> clone_chain(packet_t* original) {
 TEST(PacketClone, SharesTheFrameAndReturnsOriginalThenClones) {
     sheaf_t* s128 = chain_sheaf(128);
     packet_t* original = frame_packet(60, 0x11);
-    original->proto = 0x0800;
-    original->ifd_input = 3;
-    original->layer3_start = original->frame_start + 14;
+    std::tie(original->proto, original->ifd_input, original->layer3_start) =
+        std::tuple(0x0800, 3, original->frame_start + 14);
     packet_stats_t before = packet_stats;
     packet_t* clone1 = packet_clone(original);
     ASSERT_NE(clone1, nullptr);
     expect_counted(before, {.get_requests = 1, .get_successes = 1, .clone_requests = 1, .clone_successes = 1});
-    EXPECT_EQ(clone1->sheaf, packet_clone_sheaf);
-    EXPECT_EQ(clone1->buffer, original->buffer);
-    EXPECT_EQ(clone1->buffer->packet, original);
+    EXPECT_EQ(std::tuple(clone1->sheaf, clone1->buffer, clone1->buffer->packet, original->buffer->refcount),
+              std::tuple(packet_clone_sheaf, original->buffer, original, 2));
     EXPECT_EQ(std::tuple(clone1->frame_start, clone1->buffer_start, clone1->layer3_start, clone1->pc),
               std::tuple(original->frame_start, original->buffer_start, original->layer3_start, original->pc));
     EXPECT_EQ(std::tuple(clone1->length, clone1->proto, clone1->ifd_input, clone1->refcount),
               std::tuple(60, 0x0800, 3u, 1));
-    EXPECT_EQ(original->buffer->refcount, 2);
     clone1->frame_start[0] = 0x22;
     EXPECT_EQ(original->frame_start[0], 0x22);
 
@@ -51,8 +48,7 @@ TEST(PacketClone, SharesTheFrameAndReturnsOriginalThenClones) {
     before = packet_stats;
     packet_return(original);
     expect_counted(before, {});
-    EXPECT_EQ(original->refcount, 0);
-    EXPECT_EQ(buffer->refcount, 2);
+    EXPECT_EQ(std::tuple(original->refcount, buffer->refcount), std::tuple(0, 2));
     before = packet_stats;
     packet_return(clone1);
     expect_counted(before, {.returns = 1, .clone_returns = 1});
@@ -63,10 +59,8 @@ TEST(PacketClone, SharesTheFrameAndReturnsOriginalThenClones) {
     before = packet_stats;
     packet_return(clone2);
     expect_counted(before, {.returns = 2, .clone_returns = 1});
-    EXPECT_EQ(buffer->refcount, 0);
-    EXPECT_EQ(original->clone_next, nullptr);
-    EXPECT_EQ(s128->packets, original);
-    EXPECT_EQ(original->buffer, buffer) << "the buffer rests with its original";
+    EXPECT_EQ(std::tuple(buffer->refcount, original->clone_next, s128->packets, original->buffer),
+              std::tuple(0, nullptr, original, buffer));
 
     // Clones returned first leave the original held.
     original = frame_packet(60, 0x44);
@@ -75,8 +69,7 @@ TEST(PacketClone, SharesTheFrameAndReturnsOriginalThenClones) {
     packet_return(clone2);
     EXPECT_EQ(clone_chain(original), (std::vector<packet_t*>{original, clone1}));
     packet_return(clone1);
-    EXPECT_EQ(original->buffer->refcount, 1);
-    EXPECT_EQ(original->refcount, 1);
+    EXPECT_EQ(std::tuple(original->buffer->refcount, original->refcount), std::tuple(1, 1));
     before = packet_stats;
     packet_return(original);
     expect_counted(before, {.returns = 1});
@@ -88,15 +81,8 @@ TEST(PacketCopy, CopiesDescriptiveFieldsAndTheSheafSizedData) {
     packet_t* dst = packet_get(300);  // 512 sheaf
     for (int i = 0; i < 128 + 96; ++i) src->buffer_start[i] = static_cast<u_int8_t>(i);
     std::memset(dst->buffer_start, 0xEE, 512);
-    src->proto = 0x86DD;
-    src->length = 77;
-    src->ifd_input = 1;
-    src->ifd_output = 2;
-    src->hint = 3;
-    src->sample = 4;
-    src->priority = 5;
-    src->notif_type = 6;
-    src->cos = 7;
+    std::tie(src->proto, src->length, src->ifd_input, src->ifd_output, src->hint, src->sample, src->priority,
+             src->notif_type, src->cos) = std::tuple(0x86DD, 77, 1, 2, 3, 4, 5, 6, 7);
     src->timestamp = {{8, 9, 10, 11}};
     src->vrf_id = src->hw_port = src->queue = src->code_point = 12;
     src->packet_flags = 13;
@@ -116,10 +102,9 @@ TEST(PacketCopy, CopiesDescriptiveFieldsAndTheSheafSizedData) {
                          dst->layer4_start),
               std::tuple(0, 0, 0, 0u, 0, nullptr, nullptr))
         << "fields that are not copied";
-    EXPECT_EQ(dst->frame_start - dst->buffer_start, 72);
-    EXPECT_EQ(dst->layer3_start - dst->buffer_start, 86);
-    EXPECT_EQ(dst->sheaf, chain_sheaf(512));
-    EXPECT_EQ(dst->refcount, 1);
+    EXPECT_EQ(std::tuple(dst->frame_start - dst->buffer_start, dst->layer3_start - dst->buffer_start, dst->sheaf,
+                         dst->refcount),
+              std::tuple(72, 86, chain_sheaf(512), 1));
     src->frame_start -= 8;
     packet_return(src);
     packet_return(dst);
@@ -130,8 +115,7 @@ TEST(PacketCopy, CopiesDescriptiveFieldsAndTheSheafSizedData) {
     std::memset(src->buffer_start, 0x12, 200);
     std::memset(dst->buffer_start, 0xEE, 200);
     EXPECT_TRUE(packet_copy(src, dst, TRUE));
-    EXPECT_EQ(dst->buffer_start[63], 0x12);
-    EXPECT_EQ(dst->buffer_start[64], 0xEE);
+    EXPECT_EQ(std::tuple(dst->buffer_start[63], dst->buffer_start[64]), std::tuple(0x12, 0xEE));
     packet_return(src);
     packet_return(dst);
 }
@@ -152,8 +136,7 @@ TEST(PacketCopy, HeaderOnlyPacketsCannotBeClonedNorTakeData) {
     EXPECT_TRUE(packet_copy(src, header, FALSE));
     expect_counted(before, {.copy_requests = 5, .copy_successes = 1, .copy_failures = 4, .clone_requests = 2,
                             .clone_failures = 2});
-    EXPECT_EQ(header->proto, 0x88CC);
-    EXPECT_EQ(header->frame_start, nullptr) << "no buffer to place markers in";
+    EXPECT_EQ(std::tuple(header->proto, header->frame_start), std::tuple(0x88CC, nullptr)) << "no buffer for markers";
     packet_return(src);
     give_back(header);
 }
@@ -179,11 +162,9 @@ TEST(PacketFragments, CoalesceJoinsFramesInChainOrder) {
     packet_t* second = frame_packet(200, 0x02);
     packet_t* third = frame_packet(50, 0x03);
     std::memset(head->buffer_start, 0x77, 64);
-    head->proto = 0x0800;
-    head->ifd_input = 21;
-    head->ifd_output = 22;
+    std::tie(head->proto, head->ifd_input, head->ifd_output, head->layer3_start) =
+        std::tuple(0x0800, 21, 22, head->frame_start + 14);
     head->timestamp = {{1, 2, 3, 4}};
-    head->layer3_start = head->frame_start + 14;
     packet_fragment_add(head, second);
     packet_fragment_add(head, third);
     packet_stats_t before = packet_stats;
@@ -191,11 +172,9 @@ TEST(PacketFragments, CoalesceJoinsFramesInChainOrder) {
     ASSERT_NE(whole, nullptr);
     expect_counted(before, {.get_requests = 1, .get_successes = 1, .returns = 3, .copy_requests = 1,
                             .copy_successes = 1, .coalesce_requests = 1, .coalesce_successes = 1});
-    EXPECT_EQ(whole->sheaf, chain_sheaf(512));
-    EXPECT_EQ(whole->length, 350);
-    EXPECT_EQ(whole->fragment, nullptr);
-    EXPECT_EQ(whole->frame_start - whole->buffer_start, 64);
-    EXPECT_EQ(whole->layer3_start - whole->buffer_start, 78);
+    EXPECT_EQ(std::tuple(whole->sheaf, whole->length, whole->fragment, whole->frame_start - whole->buffer_start,
+                         whole->layer3_start - whole->buffer_start),
+              std::tuple(chain_sheaf(512), 350, nullptr, 64, 78));
     std::vector<u_int8_t> expected(350, 0x01);
     std::fill(expected.begin() + 100, expected.begin() + 300, 0x02);
     std::fill(expected.begin() + 300, expected.end(), 0x03);
@@ -203,9 +182,8 @@ TEST(PacketFragments, CoalesceJoinsFramesInChainOrder) {
     EXPECT_EQ(std::vector<u_int8_t>(whole->buffer_start, whole->buffer_start + 64), std::vector<u_int8_t>(64, 0x77));
     EXPECT_EQ(std::tuple(whole->proto, whole->ifd_input, whole->ifd_output, whole->timestamp.opaque_data[0]),
               std::tuple(0x0800, 21u, 22u, 1u));
-    EXPECT_TRUE(rests_in(chain_sheaf(128), head));
-    EXPECT_TRUE(rests_in(chain_sheaf(512), second));
-    EXPECT_TRUE(rests_in(chain_sheaf(128), third));
+    EXPECT_TRUE(rests_in(chain_sheaf(128), head) && rests_in(chain_sheaf(512), second) &&
+                rests_in(chain_sheaf(128), third));
 
     // A single packet comes back as it is.
     before = packet_stats;
