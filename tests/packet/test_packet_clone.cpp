@@ -124,8 +124,11 @@ TEST(PacketCopy, HeaderOnlyPacketsCannotBeClonedNorTakeData) {
     packet_t* src = packet_get(100);
     packet_t* header = packet_get_from_sheaf(packet_clone_sheaf);
     ASSERT_NE(header, nullptr);
+    EXPECT_EQ(std::tuple(header->buffer, header->buffer_start, header->frame_start),
+              std::tuple(nullptr, nullptr, nullptr));
+    EXPECT_EQ(packet_verify(header, "here"), 1);
     src->proto = 0x88CC;
-    const packet_stats_t before = packet_stats;
+    packet_stats_t before = packet_stats;
     EXPECT_EQ(packet_clone(header), nullptr);
     EXPECT_EQ(packet_clone(nullptr), nullptr);
     EXPECT_FALSE(packet_copy(src, header, TRUE));
@@ -138,6 +141,14 @@ TEST(PacketCopy, HeaderOnlyPacketsCannotBeClonedNorTakeData) {
                             .clone_failures = 2});
     EXPECT_EQ(std::tuple(header->proto, header->frame_start), std::tuple(0x88CC, nullptr)) << "no buffer for markers";
     packet_return(src);
+
+    // Returned, a header-only packet is counted and kept out of its pool.
+    before = packet_stats;
+    const u_int32_t resting = packet_clone_sheaf->free;
+    packet_return(header);
+    expect_counted(before, {.error_null_buffer = 1});
+    EXPECT_NE(packet_stats.caller_pc_error_null_buffer, 0u);
+    EXPECT_EQ(std::tuple(packet_clone_sheaf->free, rests_in(packet_clone_sheaf, header)), std::tuple(resting, false));
     give_back(header);
 }
 

@@ -23,12 +23,10 @@ int made = 0;
 int destroyed = 0;
 
 packet_t* counting_alloc(sheaf_t* sheaf, packet_length_t) {
-    if (budget == 0) return nullptr;
-    --budget;
+    if (budget-- <= 0) return nullptr;
     ++made;
     auto* packet = static_cast<packet_t*>(std::calloc(1, sizeof(packet_t)));
-    packet->magic = PACKET_MAGIC;
-    packet->sheaf = sheaf;
+    std::tie(packet->magic, packet->sheaf) = std::tuple(PACKET_MAGIC, sheaf);
     return packet;
 }
 
@@ -70,10 +68,10 @@ void tick() {
     periodic(nullptr, 5000);
 }
 
-size_t walk_count(sheaf_t* sheaf) {
-    size_t n = 0;
-    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next) ++n;
-    return n;
+std::vector<packet_t*> resting(sheaf_t* sheaf) {
+    std::vector<packet_t*> packets;
+    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next) packets.push_back(p);
+    return packets;
 }
 
 TEST_F(SheafTest, CreationMakesInitPacketsUpToMax) {
@@ -81,13 +79,11 @@ TEST_F(SheafTest, CreationMakesInitPacketsUpToMax) {
     EXPECT_EQ(std::tuple(sheaf->init, sheaf->total, sheaf->free, sheaf->nalloc, sheaf->high_thresh, sheaf->nfree,
                          sheaf->flags),
               std::tuple(20u, 20u, 20u, 20u, 20u, 0u, 0u));
-    EXPECT_EQ(walk_count(sheaf), 20u);
-    EXPECT_STREQ(sheaf->name, "pool");
-    EXPECT_EQ(sheaf->vector, &counting_vector);
+    EXPECT_EQ(std::tuple(resting(sheaf).size(), std::string(sheaf->name), sheaf->vector),
+              std::tuple(20u, "pool", &counting_vector));
     EXPECT_EQ(packet_glb_lock_filname, std::string("packet/sheaf"));
     sheaf_t* next = make(nullptr, 0, 1, 0);
-    EXPECT_EQ(next->id, sheaf->id + 1);
-    EXPECT_EQ(next->total, 0u);
+    EXPECT_EQ(std::tuple(next->id, next->total), std::tuple(sheaf->id + 1, 0u));
 
     // The vector running dry stops creation and takes.
     budget = 2;
@@ -106,7 +102,6 @@ TEST_F(SheafTest, CreationMakesInitPacketsUpToMax) {
 
 TEST_F(SheafTest, TakeAndGiveBack) {
     sheaf_t* passthrough = make("passthrough", 0, 0, 5);
-    EXPECT_EQ(passthrough->init, 0u);
     sheaf_t* reserve = make("reserve", 4, 8, 2);
     sheaf_t* lifo = make("lifo", 0, 4, 0);
     under_packet_lock([&] {
@@ -115,16 +110,15 @@ TEST_F(SheafTest, TakeAndGiveBack) {
             packet_t* p = sheaf_malloc(passthrough, 0);
             EXPECT_EQ(passthrough->total, 1u);
             sheaf_free(passthrough, p);
-            EXPECT_EQ(std::tuple(passthrough->nfree, passthrough->total, passthrough->free), std::tuple(i, 0u, 0u));
+            EXPECT_EQ(std::tuple(passthrough->nfree, passthrough->total, passthrough->free, passthrough->init),
+                      std::tuple(i, 0u, 0u, 0u));
         }
         EXPECT_EQ(destroyed, 3);
 
         // A take refills the reserve to min + 1 first.
         made = 0;
         packet_t* p = sheaf_malloc(reserve, 0);
-        EXPECT_EQ(made, 3);
-        EXPECT_EQ(std::tuple(reserve->free, reserve->total), std::tuple(4u, 5u));
-        EXPECT_EQ(p->sheaf_next, nullptr);
+        EXPECT_EQ(std::tuple(made, reserve->free, reserve->total, p->sheaf_next), std::tuple(3, 4u, 5u, nullptr));
         sheaf_free(reserve, p);
         EXPECT_EQ(reserve->free, 5u);
 
@@ -132,14 +126,12 @@ TEST_F(SheafTest, TakeAndGiveBack) {
         EXPECT_EQ(sheaf_packet_dequeue(lifo), nullptr);
         packet_t* a = sheaf_alloc_inline(lifo, 0, TRUE);
         packet_t* b = sheaf_alloc_inline(lifo, 0, TRUE);
-        EXPECT_EQ(lifo->nalloc, 2u) << "an empty list makes fresh packets";
         sheaf_packet_enqueue(lifo, a);
         sheaf_packet_enqueue(lifo, b);
         sheaf_packet_enqueue(lifo, nullptr);
-        EXPECT_EQ(lifo->free, 2u);
+        EXPECT_EQ(std::tuple(lifo->nalloc, lifo->free), std::tuple(2u, 2u)) << "an empty list makes fresh packets";
         EXPECT_EQ(sheaf_alloc_inline(lifo, 0, TRUE), b);
-        EXPECT_EQ(lifo->nalloc, 2u);
-        EXPECT_EQ(b->sheaf_next, nullptr);
+        EXPECT_EQ(std::tuple(lifo->nalloc, b->sheaf_next), std::tuple(2u, nullptr));
         EXPECT_EQ(sheaf_packet_dequeue(lifo), a);
         EXPECT_EQ(lifo->free, 0u);
         sheaf_free_inline(lifo, a);
@@ -182,9 +174,7 @@ TEST_F(SheafTest, TickGrowsToTheReserveAndShrinksToMax) {
     EXPECT_EQ(std::tuple(sheaf->free, sheaf->total), std::tuple(6u, 6u));
     sheaf->max = 2;
     tick();
-    EXPECT_EQ(std::tuple(sheaf->free, sheaf->total, sheaf->nfree), std::tuple(2u, 2u, 4u));
-    EXPECT_EQ(walk_count(sheaf), 2u);
-    EXPECT_EQ(packet_glb_lock_filname, std::string("packet/sheaf"));
+    EXPECT_EQ(std::tuple(sheaf->free, sheaf->total, sheaf->nfree, resting(sheaf).size()), std::tuple(2u, 2u, 4u, 2u));
     sheaf->max = 6;
 }
 
@@ -231,8 +221,7 @@ TEST_F(SheafTest, DestroyWithPacketsOutKeepsTheRecordUntilTheyReturn) {
 
 TEST_F(SheafTest, WalkVisitsRestingPacketsFromTheHead) {
     sheaf_t* sheaf = make("walked", 0, 4, 3);
-    std::vector<packet_t*> resting;
-    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next) resting.push_back(p);
+    const std::vector<packet_t*> all = resting(sheaf);
     static std::vector<packet_t*> seen;
     static boolean go_on;
     for (boolean walker_result : {FALSE, TRUE}) {
@@ -242,7 +231,7 @@ TEST_F(SheafTest, WalkVisitsRestingPacketsFromTheHead) {
             seen.push_back(p);
             return go_on;
         });
-        EXPECT_EQ(seen, go_on ? resting : std::vector<packet_t*>{resting[0]});
+        EXPECT_EQ(seen, go_on ? all : std::vector<packet_t*>{all[0]});
     }
     sheaf_walk(nullptr, nullptr);
 }
@@ -258,23 +247,26 @@ TEST_F(SheafTest, InitAgainKeepsTheRegistry) {
 using SheafDeathTest = SheafTest;
 
 TEST_F(SheafDeathTest, SheafWithoutVectorMustNeverMakeOrDestroy) {
-    EXPECT_EXIT(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            sheaf_t* sheaf = sheaf_create("bare", 0, 0, 4, 0, nullptr, nullptr);
-            pthread_mutex_lock(&packet_glb_lock);
-            sheaf_malloc(sheaf, 0);
-        },
-        ::testing::KilledBySignal(SIGABRT), "<0>sheaf_alloc_default\\(\\)");
-    EXPECT_EXIT(
-        {
-            corvex_test::syslog_echo_to_stderr(true);
-            sheaf_t* sheaf = sheaf_create("bare", 0, 0, 0, 0, nullptr, nullptr);
-            packet_t packet{};
-            pthread_mutex_lock(&packet_glb_lock);
-            sheaf_free(sheaf, &packet);
-        },
-        ::testing::KilledBySignal(SIGABRT), "<0>sheaf_free_default\\(\\)");
+    const struct {
+        void (*run)();
+        const char* stop;
+    } cases[] = {
+        {[] { sheaf_malloc(sheaf_create("bare", 0, 0, 4, 0, nullptr, nullptr), 0); }, "<0>sheaf_alloc_default\\(\\)"},
+        {[] {
+             packet_t packet{};
+             sheaf_free(sheaf_create("bare", 0, 0, 0, 0, nullptr, nullptr), &packet);
+         },
+         "<0>sheaf_free_default\\(\\)"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EXIT(
+            {
+                corvex_test::syslog_echo_to_stderr(true);
+                pthread_mutex_lock(&packet_glb_lock);
+                c.run();
+            },
+            ::testing::KilledBySignal(SIGABRT), c.stop);
+    }
 }
 
 }  // namespace
