@@ -82,8 +82,8 @@ inline const struct {
 #undef COUNTER
 
 // Every counter grew since `before` by what `grew` says, the others not at all.
-inline void expect_counted(const packet_stats_t& before, const packet_stats_t& grew, const char* file = __builtin_FILE(),
-                           int line = __builtin_LINE()) {
+inline void expect_counted(const packet_stats_t& before, const packet_stats_t& grew,
+                           const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
     const ::testing::ScopedTrace call_site(file, line, "counters");
     for (const auto& counter : kCounters)
         EXPECT_EQ(packet_stats.*counter.field - before.*counter.field, grew.*counter.field) << counter.name;

@@ -62,7 +62,8 @@ TEST(PacketPools, ChainFollowsTheTableReversedWithIdsInTableOrder) {
             << sheaf->name;
         EXPECT_EQ(std::tuple(sheaf->vector->alloc, sheaf->vector->free), std::tuple(&packet_alloc, &packet_free));
     }
-    EXPECT_EQ(std::tuple(packet_encap_bytes, packet_trailer_bytes, packet_buffer_heap), std::tuple(64u, 32u, buffer_heap));
+    EXPECT_EQ(std::tuple(packet_encap_bytes, packet_trailer_bytes, packet_buffer_heap),
+              std::tuple(64u, 32u, buffer_heap));
 
     // Descriptor, data area and guard word of a 1500-byte frame in one heap block.
     sheaf_vector_t vector = {packet_alloc, packet_free};
@@ -84,9 +85,10 @@ TEST(PacketGet, TakesTheFirstFittingSheafAndResetsOnlyTheHeader) {
         packet_length_t length;
         sheaf_t* sheaf;
         packet_length_t maximum;
-    } cases[] = {{100, chain_sheaf(128), 224},   {128, chain_sheaf(128), 224},         {129, chain_sheaf(512), 608},
-                 {0, chain_sheaf(128), 224},     {1518, chain_sheaf(1518), 1616},      {1519, packet_misfit_sheaf, 1616},
-                 {2000, packet_misfit_sheaf, 2096}, {65436, packet_misfit_sheaf, 65532}};
+    } cases[] = {{100, chain_sheaf(128), 224},         {128, chain_sheaf(128), 224},
+                 {129, chain_sheaf(512), 608},         {0, chain_sheaf(128), 224},
+                 {1518, chain_sheaf(1518), 1616},      {1519, packet_misfit_sheaf, 1616},
+                 {2000, packet_misfit_sheaf, 2096},    {65436, packet_misfit_sheaf, 65532}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.length);
         const packet_stats_t before = packet_stats;

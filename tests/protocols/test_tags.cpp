@@ -19,15 +19,18 @@ protected:
     static void SetUpTestSuite() {
         packet_pool_init(nullptr, kPoolTable, make_buffer_heap(1 << 20));
     }
+    // Addresses 01..0c, EtherType 0x0800, payload 0xd0 0xd1 ...
+    static packet_t* untagged_frame() {
+        packet_t* p = packet_get(60);
+        for (int i = 0; i < 60; ++i) p->frame_start[i] = static_cast<u_int8_t>(i < 12 ? i + 1 : 0xd0 + i - 14);
+        std::memcpy(p->frame_start + 12, "\x08\x00", 2);
+        p->length = 60;
+        p->layer3_start = p->frame_start + 14;
+        return p;
+    }
     void SetUp() override {
-        pkt_ = packet_get(60);
-        ASSERT_NE(pkt_, nullptr);
-        // Addresses 01..0c, EtherType 0x0800, payload 0xd0 0xd1 ...
-        for (int i = 0; i < 60; ++i) pkt_->frame_start[i] = static_cast<u_int8_t>(i < 12 ? i + 1 : 0xd0 + i - 14);
-        std::memcpy(pkt_->frame_start + 12, "\x08\x00", 2);
-        pkt_->length = 60;
-        payload_ = pkt_->frame_start + 14;
-        pkt_->layer3_start = payload_;
+        pkt_ = untagged_frame();
+        payload_ = pkt_->layer3_start;
     }
     void TearDown() override { packet_return(pkt_); }
     Bytes frame() const { return {pkt_->frame_start, pkt_->frame_start + pkt_->length}; }
@@ -57,13 +60,9 @@ TEST_F(TagTest, ETagThenVlanTagGoAfterTheAddressesAndComeOffAgain) {
     expect_addresses_and_payload();
 
     // Both tags in one step give the same frame.
-    const Bytes two_steps = frame();
-    packet_t* other = packet_get(60);
-    std::memcpy(other->frame_start, two_steps.data(), 12);
-    std::memcpy(other->frame_start + 12, two_steps.data() + 24, two_steps.size() - 24);
-    other->length = static_cast<packet_length_t>(two_steps.size() - 12);
+    packet_t* other = untagged_frame();
     ASSERT_EQ(packet_etag_vlan_tag_insert(other, &etag_, 0x8100, 0x0064), 0);
-    EXPECT_EQ(Bytes(other->frame_start, other->frame_start + other->length), two_steps);
+    EXPECT_EQ(Bytes(other->frame_start, other->frame_start + other->length), frame());
     EXPECT_EQ(other->frame_start - other->buffer_start, 64 - 12);
     packet_return(other);
 
@@ -78,7 +77,8 @@ TEST_F(TagTest, ETagThenVlanTagGoAfterTheAddressesAndComeOffAgain) {
     EXPECT_EQ(pkt_->length, 64);
     u_int16_t tpid = 1, tci = 1;
     packet_vlan_tag_remove(pkt_, &tpid, &tci);
-    EXPECT_EQ(std::tuple(tpid, tci, pkt_->length, pkt_->frame_start - pkt_->buffer_start), std::tuple(0x8100, 0x64, 60, 64));
+    EXPECT_EQ(std::tuple(tpid, tci, pkt_->length, pkt_->frame_start - pkt_->buffer_start),
+              std::tuple(0x8100, 0x64, 60, 64));
     expect_addresses_and_payload();
 }
 
