@@ -1,72 +1,64 @@
 #include "recording_module.h"
 
+#include <map>
+
 namespace packet_test {
 namespace {
 int create_result = 1;
 char module_storage;
 char timer_storage;
+zrmodule* const kModule = reinterpret_cast<zrmodule*>(&module_storage);
+std::map<std::string, zrmodule_timer_func> timers;
+
+const char* pointer_text(const void* pointer) {
+    return pointer == nullptr ? "null" : pointer == kModule ? "module" : "other";
+}
+
+std::string duration_text(const utime_t* time) {
+    if (time == nullptr) return "null";
+    return std::to_string(time->ut_sec) + "s+" + std::to_string(time->ut_usec) + "us";
+}
 }  // namespace
 
-std::vector<ModuleCall>& module_calls() {
-    static std::vector<ModuleCall> calls;
+std::vector<std::string>& module_calls() {
+    static std::vector<std::string> calls;
     return calls;
 }
 
 void module_create_result(int result) { create_result = result; }
 
 zrmodule_timer_func recorded_timer(const std::string& name) {
-    for (const ModuleCall& call : module_calls())
-        if (call.what == "timer" && call.name == name) return call.func;
-    return nullptr;
+    const auto found = timers.find(name);
+    return found == timers.end() ? nullptr : found->second;
 }
 
 }  // namespace packet_test
 
-using packet_test::ModuleCall;
-using packet_test::module_calls;
+using namespace packet_test;
 
 extern "C" {
 
 zrmodule* zrmodule_alloc(const char* name, int stack_kib, void* context) {
-    ModuleCall call;
-    call.what = "alloc";
-    call.name = name != nullptr ? name : "";
-    call.number = stack_kib;
-    call.null_pointer = context == nullptr;
-    call.module = reinterpret_cast<zrmodule*>(&packet_test::module_storage);
-    module_calls().push_back(call);
-    return call.module;
+    module_calls().push_back(std::string("alloc(") + name + ", " + std::to_string(stack_kib) + ", " +
+                             pointer_text(context) + ")");
+    return kModule;
 }
 
 int zrmodule_create(zrmodule* module) {
-    ModuleCall call;
-    call.what = "create";
-    call.module = module;
-    module_calls().push_back(call);
-    return packet_test::create_result;
+    module_calls().push_back(std::string("create(") + pointer_text(module) + ")");
+    return create_result;
 }
 
-void zrmodule_quit(int code) {
-    ModuleCall call;
-    call.what = "quit";
-    call.number = code;
-    module_calls().push_back(call);
-}
+void zrmodule_quit(int code) { module_calls().push_back("quit(" + std::to_string(code) + ")"); }
 
 zrmodule_timer* zrmodule_timer_ucreate(zrmodule* module, const char* name, flag_t flags, utime_t* initial,
                                        utime_t* interval, u_int count, zrmodule_timer_func func, void_t context) {
-    ModuleCall call;
-    call.what = "timer";
-    call.name = name != nullptr ? name : "";
-    call.module = module;
-    call.sec = interval != nullptr ? static_cast<long>(interval->ut_sec) : -1;
-    call.usec = interval != nullptr ? static_cast<long>(interval->ut_usec) : -1;
-    call.same_time_pointers = initial == interval;
-    call.number = static_cast<int>(count);
-    call.null_pointer = context == nullptr && flags == 0;
-    call.func = func;
-    module_calls().push_back(call);
-    return reinterpret_cast<zrmodule_timer*>(&packet_test::timer_storage);
+    module_calls().push_back(std::string("timer(") + pointer_text(module) + ", " + name + ", " + std::to_string(flags) +
+                             ", " + duration_text(initial) + ", " + duration_text(interval) + ", " +
+                             std::to_string(count) + ", " + (func != nullptr ? "func" : "null") + ", " +
+                             pointer_text(context) + ")");
+    timers[name] = func;
+    return reinterpret_cast<zrmodule_timer*>(&timer_storage);
 }
 
 }  // extern "C"

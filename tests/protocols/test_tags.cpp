@@ -1,6 +1,6 @@
-// E-tag and VLAN tag insertion and removal, byte for byte, on packets of
-// the packet pools.
+// E-tag and VLAN tag insertion and removal, byte for byte, on pool packets.
 #include <cstring>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,33 +12,29 @@ using namespace packet_test;
 
 namespace {
 
+using Bytes = std::vector<u_int8_t>;
+
 class TagTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        static const packet_sheaf_block_t table[] = {
-            {const_cast<char*>("1518"), 1518, 0, 8, 2, nullptr},
-            {const_cast<char*>("clone"), 0, 0, 8, 2, nullptr},
-            {nullptr, 0, 0, 0, 0, nullptr},
-        };
-        packet_pool_init(nullptr, table, make_buffer_heap(1 << 20));
+        packet_pool_init(nullptr, kPoolTable, make_buffer_heap(1 << 20));
+    }
+    // Addresses 01..0c, EtherType 0x0800, payload 0xd0 0xd1 ...
+    static packet_t* untagged_frame() {
+        packet_t* p = packet_get(60);
+        for (int i = 0; i < 60; ++i) p->frame_start[i] = static_cast<u_int8_t>(i < 12 ? i + 1 : 0xd0 + i - 14);
+        std::memcpy(p->frame_start + 12, "\x08\x00", 2);
+        p->length = 60;
+        p->layer3_start = p->frame_start + 14;
+        return p;
     }
     void SetUp() override {
-        pkt_ = packet_get(60);
-        ASSERT_NE(pkt_, nullptr);
-        // Addresses 01..0c, EtherType 0x0800, payload 0xd0 0xd1 ...
-        for (int i = 0; i < 12; ++i) pkt_->frame_start[i] = static_cast<u_int8_t>(i + 1);
-        pkt_->frame_start[12] = 0x08;
-        pkt_->frame_start[13] = 0x00;
-        for (int i = 14; i < 60; ++i) pkt_->frame_start[i] = static_cast<u_int8_t>(0xd0 + i - 14);
-        pkt_->length = 60;
-        payload_ = pkt_->frame_start + 14;
-        pkt_->layer3_start = payload_;
+        pkt_ = untagged_frame();
+        payload_ = pkt_->layer3_start;
     }
-    void TearDown() override {
-        if (pkt_ != nullptr) packet_return(pkt_);
-    }
-    std::vector<u_int8_t> frame() const { return {pkt_->frame_start, pkt_->frame_start + pkt_->length}; }
-    std::vector<u_int8_t> bytes(int from, int to) const { return {pkt_->frame_start + from, pkt_->frame_start + to}; }
+    void TearDown() override { packet_return(pkt_); }
+    Bytes frame() const { return {pkt_->frame_start, pkt_->frame_start + pkt_->length}; }
+    Bytes bytes(int from, int to) const { return {pkt_->frame_start + from, pkt_->frame_start + to}; }
     void expect_addresses_and_payload() const {
         for (int i = 0; i < 12; ++i) EXPECT_EQ(pkt_->frame_start[i], i + 1) << i;
         EXPECT_EQ(payload_[0], 0xd0) << "the payload never moves";
@@ -50,74 +46,49 @@ protected:
     ether_802_etag_t etag_ = {0x893F, 0x2005, 0x1064, 0x01, 0x02};
 };
 
-TEST_F(TagTest, ETagGoesAfterTheAddresses) {
+TEST_F(TagTest, ETagThenVlanTagGoAfterTheAddressesAndComeOffAgain) {
     packet_data_t* start = pkt_->frame_start;
     ASSERT_EQ(packet_etag_insert(pkt_, &etag_), 0);
-    EXPECT_EQ(pkt_->frame_start, start - 8);
-    EXPECT_EQ(pkt_->length, 68);
-    EXPECT_EQ(bytes(12, 22), (std::vector<u_int8_t>{0x89, 0x3F, 0x20, 0x05, 0x10, 0x64, 0x01, 0x02, 0x08, 0x00}));
+    EXPECT_EQ(std::tuple(pkt_->frame_start, pkt_->length), std::tuple(start - 8, 68));
+    EXPECT_EQ(bytes(12, 22), (Bytes{0x89, 0x3F, 0x20, 0x05, 0x10, 0x64, 0x01, 0x02, 0x08, 0x00}));
     expect_addresses_and_payload();
     EXPECT_EQ(etag_.etag_pd_ig_ecid_base, 0x2005) << "the caller's record is left alone";
-}
-
-TEST_F(TagTest, VlanTagGoesAfterAnETag) {
-    ASSERT_EQ(packet_etag_insert(pkt_, &etag_), 0);
     ASSERT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 0x0064), 0);
     EXPECT_EQ(pkt_->length, 72);
-    EXPECT_EQ(bytes(12, 26), (std::vector<u_int8_t>{0x89, 0x3F, 0x20, 0x05, 0x10, 0x64, 0x01, 0x02, 0x81, 0x00,
-                                                     0x00, 0x64, 0x08, 0x00}));
+    EXPECT_EQ(bytes(12, 26),
+              (Bytes{0x89, 0x3F, 0x20, 0x05, 0x10, 0x64, 0x01, 0x02, 0x81, 0x00, 0x00, 0x64, 0x08, 0x00}));
     expect_addresses_and_payload();
-    const std::vector<u_int8_t> two_steps = frame();
 
     // Both tags in one step give the same frame.
-    packet_t* other = packet_get(60);
-    std::memcpy(other->frame_start, two_steps.data() + 0, 12);
-    std::memcpy(other->frame_start + 12, two_steps.data() + 24, two_steps.size() - 24);
-    other->length = static_cast<packet_length_t>(two_steps.size() - 12);
+    packet_t* other = untagged_frame();
     ASSERT_EQ(packet_etag_vlan_tag_insert(other, &etag_, 0x8100, 0x0064), 0);
-    EXPECT_EQ(std::vector<u_int8_t>(other->frame_start, other->frame_start + other->length), two_steps);
+    EXPECT_EQ(Bytes(other->frame_start, other->frame_start + other->length), frame());
     EXPECT_EQ(other->frame_start - other->buffer_start, 64 - 12);
     packet_return(other);
-}
 
-TEST_F(TagTest, VlanTagWithoutETagGoesAfterTheAddresses) {
-    ASSERT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 0xE00A), 0);
-    EXPECT_EQ(pkt_->length, 64);
-    EXPECT_EQ(bytes(12, 18), (std::vector<u_int8_t>{0x81, 0x00, 0xE0, 0x0A, 0x08, 0x00}));
-    expect_addresses_and_payload();
-    u_int16_t tpid = 1, tci = 1;
-    packet_vlan_tag_remove(pkt_, &tpid, &tci);
-    EXPECT_EQ(tpid, 0x8100);
-    EXPECT_EQ(tci, 0xE00A);
-    EXPECT_EQ(pkt_->length, 60);
-    EXPECT_EQ(pkt_->frame_start - pkt_->buffer_start, 64);
-    expect_addresses_and_payload();
-}
-
-TEST_F(TagTest, ETagRemovalReturnsTheTagInHostOrder) {
-    ASSERT_EQ(packet_etag_insert(pkt_, &etag_), 0);
-    ASSERT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 0x0064), 0);
+    // The E-tag comes back in host order and leaves the VLAN tag after the addresses.
     ether_802_etag_t out{};
     packet_etag_remove(pkt_, &out);
-    EXPECT_EQ(out.etag_tpid, 0x893F);
-    EXPECT_EQ(out.etag_pd_ig_ecid_base, 0x2005);
-    EXPECT_EQ(out.etag_grp_ecid_base, 0x1064);
-    EXPECT_EQ(out.etag_igr_ecid_ext, 0x01);
-    EXPECT_EQ(out.etag_ecid_ext, 0x02);
-    EXPECT_EQ(pkt_->length, 64);
-    EXPECT_EQ(bytes(12, 18), (std::vector<u_int8_t>{0x81, 0x00, 0x00, 0x64, 0x08, 0x00}));
-    expect_addresses_and_payload();
+    EXPECT_EQ(std::tuple(out.etag_tpid, out.etag_pd_ig_ecid_base, out.etag_grp_ecid_base, out.etag_igr_ecid_ext,
+                         out.etag_ecid_ext),
+              std::tuple(0x893F, 0x2005, 0x1064, 0x01, 0x02));
+    EXPECT_EQ(bytes(12, 18), (Bytes{0x81, 0x00, 0x00, 0x64, 0x08, 0x00}));
     packet_etag_remove(pkt_, nullptr);  // no E-tag now: nothing happens
     EXPECT_EQ(pkt_->length, 64);
+    u_int16_t tpid = 1, tci = 1;
+    packet_vlan_tag_remove(pkt_, &tpid, &tci);
+    EXPECT_EQ(std::tuple(tpid, tci, pkt_->length, pkt_->frame_start - pkt_->buffer_start),
+              std::tuple(0x8100, 0x64, 60, 64));
+    expect_addresses_and_payload();
 }
 
 TEST_F(TagTest, HeadroomTakesEightETagsOrSixteenVlanTags) {
     for (int i = 0; i < 8; ++i) ASSERT_EQ(packet_etag_insert(pkt_, &etag_), 0) << i;
-    const std::vector<u_int8_t> full = frame();
+    const Bytes full = frame();
     EXPECT_EQ(pkt_->frame_start, pkt_->buffer_start);
-    EXPECT_EQ(packet_etag_insert(pkt_, &etag_), -1);
-    EXPECT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 1), -1);
-    EXPECT_EQ(packet_etag_vlan_tag_insert(pkt_, &etag_, 0x8100, 1), -1);
+    EXPECT_EQ(std::tuple(packet_etag_insert(pkt_, &etag_), packet_vlan_tag_insert(pkt_, 0x8100, 1),
+                         packet_etag_vlan_tag_insert(pkt_, &etag_, 0x8100, 1)),
+              std::tuple(-1, -1, -1));
     EXPECT_EQ(frame(), full) << "a refused insertion changes nothing";
     for (int i = 0; i < 8; ++i) packet_etag_remove(pkt_, nullptr);
     EXPECT_EQ(pkt_->frame_start - pkt_->buffer_start, 64);
@@ -126,9 +97,9 @@ TEST_F(TagTest, HeadroomTakesEightETagsOrSixteenVlanTags) {
     for (int i = 0; i < 16; ++i) ASSERT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, static_cast<u_int16_t>(i)), 0);
     EXPECT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 16), -1);
     EXPECT_EQ(pkt_->length, 60 + 64);
-    // Each new tag went right after the addresses, so the newest is first.
-    EXPECT_EQ(bytes(12, 16), (std::vector<u_int8_t>{0x81, 0x00, 0x00, 0x0F}));
-    EXPECT_EQ(bytes(72, 76), (std::vector<u_int8_t>{0x81, 0x00, 0x00, 0x00}));
+    // Each tag goes right after the addresses: the newest is first.
+    EXPECT_EQ(bytes(12, 16), (Bytes{0x81, 0x00, 0x00, 0x0F}));
+    EXPECT_EQ(bytes(72, 76), (Bytes{0x81, 0x00, 0x00, 0x00}));
     expect_addresses_and_payload();
 
     // Eight bytes of room are not enough for both tags at once.
@@ -144,45 +115,37 @@ TEST_F(TagTest, ShortOrUntaggedFramesAreLeftAlone) {
     pkt_->length = 19;
     std::memcpy(pkt_->frame_start + 12, "\x89\x3f", 2);
     packet_etag_remove(pkt_, &out);
-    EXPECT_EQ(out.etag_tpid, 0);
-    EXPECT_EQ(out.etag_pd_ig_ecid_base, 0x2222) << "only the TPID is cleared";
-    EXPECT_EQ(pkt_->length, 19);
+    EXPECT_EQ(std::tuple(out.etag_tpid, out.etag_pd_ig_ecid_base, pkt_->length), std::tuple(0, 0x2222, 19))
+        << "only the TPID is cleared";
 
     pkt_->length = 60;
     std::memcpy(pkt_->frame_start + 12, "\x81\x00", 2);
     out.etag_tpid = 0x1111;
     packet_etag_remove(pkt_, &out);
-    EXPECT_EQ(out.etag_tpid, 0);
-    EXPECT_EQ(pkt_->length, 60);
+    EXPECT_EQ(std::tuple(out.etag_tpid, pkt_->length), std::tuple(0, 60));
     std::memcpy(pkt_->frame_start + 12, "\x08\x00", 2);
 
     u_int16_t tpid = 7, tci = 9;
     pkt_->length = 15;
     packet_vlan_tag_remove(pkt_, &tpid, &tci);
-    EXPECT_EQ(tpid, 0);
-    EXPECT_EQ(tci, 9);
-    EXPECT_EQ(pkt_->length, 15);
+    EXPECT_EQ(std::tuple(tpid, tci, pkt_->length), std::tuple(0, 9, 15));
 
     // An untagged frame loses its EtherType and two payload bytes.
     pkt_->length = 60;
     packet_vlan_tag_remove(pkt_, &tpid, &tci);
-    EXPECT_EQ(tpid, 0x0800);
-    EXPECT_EQ(tci, 0xd0d1);
-    EXPECT_EQ(pkt_->length, 56);
-    EXPECT_EQ(pkt_->frame_start[12], 0xd2);
+    EXPECT_EQ(std::tuple(tpid, tci, pkt_->length, pkt_->frame_start[12]), std::tuple(0x0800, 0xd0d1, 56, 0xd2));
 }
 
 TEST_F(TagTest, HeaderOnlyPacketsHaveNoHeadroom) {
     packet_t* header = packet_get_from_sheaf(packet_clone_sheaf);
     ASSERT_NE(header, nullptr);
-    EXPECT_EQ(packet_etag_insert(header, &etag_), -1);
-    EXPECT_EQ(packet_vlan_tag_insert(header, 0x8100, 1), -1);
-    EXPECT_EQ(packet_etag_vlan_tag_insert(header, &etag_, 0x8100, 1), -1);
-    ether_802_etag_t out{};
-    out.etag_tpid = 5;
+    EXPECT_EQ(std::tuple(packet_etag_insert(header, &etag_), packet_vlan_tag_insert(header, 0x8100, 1),
+                         packet_etag_vlan_tag_insert(header, &etag_, 0x8100, 1)),
+              std::tuple(-1, -1, -1));
+    ether_802_etag_t out = {5, 0, 0, 0, 0};
     packet_etag_remove(header, &out);
     EXPECT_EQ(out.etag_tpid, 0);
-    under_packet_lock([&] { sheaf_free(packet_clone_sheaf, header); });
+    give_back(header);
 }
 
 TEST_F(TagTest, SymmetricTpidMeansARecordAlreadyInNetworkOrder) {
@@ -191,11 +154,11 @@ TEST_F(TagTest, SymmetricTpidMeansARecordAlreadyInNetworkOrder) {
     // Copied as it lies in memory (little-endian host: 20 05 then 10 64).
     u_int8_t image[8];
     std::memcpy(image, &wire, 8);
-    EXPECT_EQ(bytes(12, 20), std::vector<u_int8_t>(image, image + 8));
+    EXPECT_EQ(bytes(12, 20), Bytes(image, image + 8));
     // Any other TPID is written as given, not forced to 0x893F.
     ether_802_etag_t other = {0x88A8, 0x0001, 0x0002, 3, 4};
     ASSERT_EQ(packet_etag_insert(pkt_, &other), 0);
-    EXPECT_EQ(bytes(12, 20), (std::vector<u_int8_t>{0x88, 0xA8, 0x00, 0x01, 0x00, 0x02, 0x03, 0x04}));
+    EXPECT_EQ(bytes(12, 20), (Bytes{0x88, 0xA8, 0x00, 0x01, 0x00, 0x02, 0x03, 0x04}));
 }
 
 }  // namespace
