@@ -12,14 +12,14 @@
 
 namespace {
 
-// 1050 entries give 33 bitmap words, so entries are only 4-byte aligned.
+// 224 entries give 7 bitmap words, so entries are only 4-byte aligned.
 struct Entry {
     u_int32_t id;
     u_int32_t check;
     u_int32_t payload[5];
 };
 
-constexpr int kEntries = 1050;
+constexpr int kEntries = 224;
 
 u_int32_t fill_of(int index) { return 0x11111111u * static_cast<u_int32_t>(index % 15 + 1); }
 
