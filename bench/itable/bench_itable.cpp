@@ -212,59 +212,41 @@ BENCHMARK(BM_Insert32);
 
 // Hand out every index of an empty structure in turn; the flat array's
 // free index is a counter, JudyL's its first empty index.
-void BM_Alloc16(benchmark::State& state) {
-    constexpr uint32_t kCount = 0x10000;
+template <typename Table, typename Index, Table* (*create)(), status_t (*alloc)(Table*, void*, Index*),
+          int (*destroy)(Table*)>
+void alloc_race(benchmark::State& state, uint32_t count) {
     Race race(kContenders);
     for (auto _ : state) {
-        itable16_t* table = itable16_create();
+        Table* table = create();
         race.lap(0, [&] {
-            index16_t got = 0;
-            for (uint32_t n = 0; n < kCount; ++n) itable16_alloc(table, value_of(n), &got);
+            Index got = 0;
+            for (uint32_t n = 0; n < count; ++n) alloc(table, value_of(n), &got);
             benchmark::DoNotOptimize(got);
         });
-        itable16_destroy(table);
-        std::vector<void*> flat(kCount);
+        destroy(table);
+        std::vector<void*> flat(count);
         race.lap(1, [&] {
             uint32_t next = 0;
-            for (uint32_t n = 0; n < kCount; ++n) flat[next++] = value_of(n);
+            for (uint32_t n = 0; n < count; ++n) flat[next++] = value_of(n);
             benchmark::ClobberMemory();
         });
 #if CORVEX_BENCH_JUDY
         Judy judy;
         race.lap(2, [&] {
-            for (uint32_t n = 0; n < kCount; ++n) benchmark::DoNotOptimize(judy.alloc(value_of(n)));
+            for (uint32_t n = 0; n < count; ++n) benchmark::DoNotOptimize(judy.alloc(value_of(n)));
         });
 #endif
     }
-    race.report(state, kCount);
+    race.report(state, count);
+}
+
+void BM_Alloc16(benchmark::State& state) {
+    alloc_race<itable16_t, index16_t, itable16_create, itable16_alloc, itable16_destroy>(state, 0x10000);
 }
 BENCHMARK(BM_Alloc16);
 
 void BM_Alloc32(benchmark::State& state) {
-    constexpr uint32_t kCount = 4 * 0x10000;
-    Race race(kContenders);
-    for (auto _ : state) {
-        itable32_t* table = itable32_create();
-        race.lap(0, [&] {
-            index32_t got = 0;
-            for (uint32_t n = 0; n < kCount; ++n) itable32_alloc(table, value_of(n), &got);
-            benchmark::DoNotOptimize(got);
-        });
-        itable32_destroy(table);
-        std::vector<void*> flat(kCount);
-        race.lap(1, [&] {
-            uint32_t next = 0;
-            for (uint32_t n = 0; n < kCount; ++n) flat[next++] = value_of(n);
-            benchmark::ClobberMemory();
-        });
-#if CORVEX_BENCH_JUDY
-        Judy judy;
-        race.lap(2, [&] {
-            for (uint32_t n = 0; n < kCount; ++n) benchmark::DoNotOptimize(judy.alloc(value_of(n)));
-        });
-#endif
-    }
-    race.report(state, kCount);
+    alloc_race<itable32_t, index32_t, itable32_create, itable32_alloc, itable32_destroy>(state, 4 * 0x10000);
 }
 BENCHMARK(BM_Alloc32);
 
