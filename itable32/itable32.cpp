@@ -133,33 +133,30 @@ status_t itable32_init(itable32_t* table, itable_alloc_t alloc_func, itable_free
     return table->itable32_upper != nullptr ? 0 : 1000;
 }
 
-itable32_t* itable32_create(void) {
-    auto* table = static_cast<itable32_t*>(itable32_alloc_default(nullptr, sizeof(itable32_t)));
+// A record from the given allocator, cleared and initialised; null when
+// either step fails (the record is then given back).
+static itable32_t* itable32_make(itable_alloc_t alloc_func, itable_free_t free_func, void* ctxt, boolean shm_flag) {
+    auto* table = static_cast<itable32_t*>(alloc_func(ctxt, sizeof(itable32_t)));
     if (table == nullptr) {
         return nullptr;
     }
     memset(static_cast<void*>(table), 0, sizeof(*table));
-    if (itable32_init(table, itable32_alloc_default, itable32_free_default, nullptr, 0) != 0) {
-        itable32_free_default(nullptr, table);
+    if (itable32_init(table, alloc_func, free_func, ctxt, shm_flag) != 0) {
+        free_func(ctxt, table);
         return nullptr;
     }
     return table;
+}
+
+itable32_t* itable32_create(void) {
+    return itable32_make(itable32_alloc_default, itable32_free_default, nullptr, 0);
 }
 
 itable32_t* itable32_create_shm(itable_alloc_t alloc_func, itable_free_t free_func, void* ctxt) {
     if (alloc_func == nullptr || free_func == nullptr) {
         return nullptr;
     }
-    auto* table = static_cast<itable32_t*>(alloc_func(ctxt, sizeof(itable32_t)));
-    if (table == nullptr) {
-        return nullptr;
-    }
-    memset(static_cast<void*>(table), 0, sizeof(*table));
-    if (itable32_init(table, alloc_func, free_func, ctxt, 1) != 0) {
-        free_func(ctxt, table);
-        return nullptr;
-    }
-    return table;
+    return itable32_make(alloc_func, free_func, ctxt, 1);
 }
 
 void itable32_set_maxindex(itable32_t* table, u_int32_t maxindex) {
