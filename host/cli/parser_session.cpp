@@ -8,6 +8,22 @@
 namespace corvex_cli {
 namespace {
 
+struct WordsAndPartial {
+    std::vector<std::string_view> words;
+    std::string_view partial;
+};
+
+// The complete words of a line, and the word being typed when the line does
+// not end in a blank ("show h" -> {show}, "h"; "show " -> {show}, "").
+WordsAndPartial split_partial(std::string_view text) {
+    WordsAndPartial split{split_words(text), {}};
+    if (!split.words.empty() && text.end() == split.words.back().end()) {
+        split.partial = split.words.back();
+        split.words.pop_back();
+    }
+    return split;
+}
+
 thread_local parser_config* current_session = nullptr;
 
 }  // namespace
@@ -72,12 +88,7 @@ extern "C" cli_status cli_session_execute(parser_config* session, const char* li
     if (last != std::string_view::npos && text[last] == '?') {
         // "show ?" lists what follows show; "show h?" the words starting with h.
         text = text.substr(0, last);
-        std::vector<std::string_view> words = split_words(text);
-        std::string_view partial;
-        if (!words.empty() && text.end() == words.back().end()) {
-            partial = words.back();
-            words.pop_back();
-        }
+        auto [words, partial] = split_partial(text);
         status = list_help(*session, words, partial);
     } else {
         status = execute_words(*session, split_words(text));
@@ -94,12 +105,7 @@ extern "C" int cli_session_complete(parser_config* session, const char* line,
     {
         std::lock_guard guard(session->lock);
         std::string_view text = line;
-        std::vector<std::string_view> words = split_words(text);
-        std::string_view partial;
-        if (!words.empty() && text.end() == words.back().end()) {
-            partial = words.back();
-            words.pop_back();
-        }
+        auto [words, partial] = split_partial(text);
         found = completions(*session, words, partial);
     }
     for (const auto& word : found) each(context, word.c_str());
