@@ -5,7 +5,7 @@
 #include <syslog.h>
 
 #include "llist.h"
-#include "priv_heap.h"
+#include "priv_freelist.h"
 
 extern "C" {
 list_t heap_list;
@@ -74,6 +74,7 @@ status_t heap_create_internal(heap_t* heap, uintptr_t first, uintptr_t last, cha
     }
     heap->id = heap_list.item_count;
     list_append(&heap_list, &heap->links);
+    freelist_bits_attach(heap);
     heap_get_default_debug_proc(&heap->debug_proc);
     return 0;
 }

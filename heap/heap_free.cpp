@@ -3,7 +3,7 @@
 #include <syslog.h>
 
 #include "kdebug.h"
-#include "priv_heap.h"
+#include "priv_freelist.h"
 
 namespace corvex::heap {
 
