@@ -174,3 +174,37 @@ TEST(HeapFreelist, ClassSearch) {
     EXPECT_EQ(heap_best_fit_freelist_size(heap, 4097), 32768u);
     EXPECT_EQ(heap_best_fit_freelist_size(heap, 40000), 40000u);
 }
+
+// The class search skips empty lists by a record of which lists hold
+// blocks; through random traffic, and a list added midway, it must choose
+// what a walk over the index chooses.
+TEST(HeapFreelist, ClassSearchFollowsTheListsThroughTraffic) {
+    heap_t* heap = make_heap(1 << 20);
+    auto walk = [heap](size_t size) {
+        for (int k = 0; k < HEAP_FREELIST_MAX && heap->freelist_size[k].size != 0; ++k) {
+            heap_freelist_t* list = heap->freelist_size[k].freelist;
+            if (list->size >= size && list->blocks.head != nullptr) return list;
+        }
+        return heap_freelist_find_by_size(heap, 1u << 30, FALSE);  // the default list
+    };
+    std::vector<void*> live(64, nullptr);
+    unsigned seed = 7;
+    for (int step = 0; step < 4000; ++step) {
+        seed = seed * 1103515245u + 12345u;
+        void*& slot = live[(seed >> 8) % live.size()];
+        if (slot != nullptr) {
+            heap_free(heap, slot);
+            slot = nullptr;
+        } else {
+            slot = heap_malloc(heap, 16 + (seed >> 16) % 3000);
+        }
+        if (step == 2000) heap_freelist_create(heap, 700);
+        if (step % 97 == 0) {
+            for (size_t size : {16, 40, 100, 256, 700, 1500, 4000}) {
+                EXPECT_EQ(heap_freelist_find_by_size(heap, size, TRUE), walk(size)) << step << " " << size;
+            }
+        }
+    }
+    for (void* p : live) heap_free(heap, p);
+    expect_whole(heap);
+}
