@@ -46,7 +46,7 @@ export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run x86_64        ""                 -- -DCORVEX_BENCH=ON
-run i386          ""                 -- "${m32[@]}"
+run i386          ""                 -- "${m32[@]}" -DCORVEX_BENCH=ON
 run x86_64-asan   ""                 -- "${asan[@]}"
 run i386-asan     ""                 -- "${m32[@]}" "${asan[@]}"
 # ThreadSanitizer exists for 64-bit processes only.
