@@ -70,9 +70,9 @@ inline bool addr_in_heap(const heap_t* heap, const void* addr) {
 
 // A header can be read at addr: aligned and wholly inside the range.
 inline bool header_in_heap(const heap_t* heap, const void* addr) {
-    uintptr_t a = reinterpret_cast<uintptr_t>(addr);
-    return a % alignof(heap_block_t) == 0 && a >= heap->base && a - heap->base <= heap->size &&
-           heap->size - (a - heap->base) >= kHeaderSize;
+    // Below base the offset wraps to a huge value; base itself is aligned.
+    const uintptr_t offset = reinterpret_cast<uintptr_t>(addr) - heap->base;
+    return offset % alignof(heap_block_t) == 0 && heap->size >= kHeaderSize && offset <= heap->size - kHeaderSize;
 }
 
 // The block's data area ends inside the range (its header already does).
