@@ -24,6 +24,29 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 fi
 
+# ---- 32-bit programs ----------------------------------------------------------
+# The -m32 builds run their tests here. Kernels built without IA-32 emulation
+# cannot start i386 programs; there qemu's user-mode emulator runs them,
+# registered with binfmt_misc so that every way of starting one works.
+probe=$builds/i386-probe
+mkdir -p "$builds"
+printf 'int main(void) { return 0; }\n' | gcc -m32 -x c - -o "$probe"
+if ! "$probe" 2>/dev/null; then
+  echo "== this kernel does not run i386 programs: registering qemu-i386"
+  sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
+  dpkg-query -W -f='${Status}' qemu-user-static 2>/dev/null | grep -q "install ok installed" \
+    || DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq qemu-user-static >/dev/null
+  mountpoint -q /proc/sys/fs/binfmt_misc \
+    || $sudo mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
+  if [ ! -e /proc/sys/fs/binfmt_misc/qemu-i386 ]; then
+    # ELF, 32-bit, little-endian, executable or shared object, machine 3 (i386).
+    magic='\x7fELF\x01\x01\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x02\x00\x03\x00'
+    mask='\xff\xff\xff\xff\xff\xfe\xfe\x00\xff\xff\xff\xff\xff\xff\xff\xff\xfe\xff\xff\xff'
+    echo ":qemu-i386:M::$magic:$mask:/usr/bin/qemu-i386-static:F" | $sudo tee /proc/sys/fs/binfmt_misc/register >/dev/null
+  fi
+  "$probe" || { echo "error: cannot run 32-bit programs on this machine" >&2; exit 1; }
+fi
+
 # ---- one configuration: configure, build, test -------------------------------
 # run NAME CTEST_ARGS -- CMAKE_ARGS...
 run() {
@@ -38,7 +61,6 @@ run() {
   (cd "$dir" && ctest --output-on-failure -j "$jobs" $ctest_args)
 }
 
-mkdir -p "$builds"
 m32=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-m32.cmake")
 asan=(-DCORVEX_SANITIZE=address,undefined)
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
