@@ -78,6 +78,7 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
     }
     block->header.refcount = 0;
     heap->stats.frees++;
+    heap_rates_note(heap, block, false);
     heap->free_bytes += block->size + kHeaderSize;
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Trying to free block %p\n", "heap_block_return", heap->name,

@@ -108,4 +108,11 @@ packet_t* packet_get_at(packet_length_t length, void* pc);
 packet_t* packet_get_from_sheaf_at(sheaf_t* sheaf, void* pc);
 void packet_return_at(packet_t* packet, void* pc);
 
+// The live headers that sheaves made (packet_registry.cpp): added when a
+// vector makes a header, removed before one is destroyed. Each takes
+// packet_glb_lock (the caller may hold it already).
+void packet_registry_add(packet_t* packet);
+void packet_registry_remove(packet_t* packet);
+bool packet_registry_holds(const void* address);
+
 }  // namespace corvex::packet

@@ -102,6 +102,7 @@ packet_t* sheaf_alloc_inline(sheaf_t* sheaf, sheaf_size_t size, boolean dequeue)
         return nullptr;
     }
     if (++sheaf->total > sheaf->high_thresh) sheaf->high_thresh = sheaf->total;
+    packet_registry_add(packet);
     return packet;
 }
 
@@ -112,6 +113,7 @@ void sheaf_free_inline(sheaf_t* sheaf, packet_t* packet) {
         return;
     }
     ++sheaf->nfree;
+    packet_registry_remove(packet);
     if (sheaf->vector->free(sheaf, packet)) --sheaf->total;
 }
 

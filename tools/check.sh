@@ -11,18 +11,10 @@ builds=${1:-$root/build}
 jobs=$(nproc)
 
 # ---- what the machine needs ------------------------------------------------
-packages=(cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev
-          pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# shellcheck source=tools/packages.sh
+source "$root/tools/packages.sh"
+install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev \
+  pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3
 
 # ---- one configuration: configure, build, test -------------------------------
 # run NAME CTEST_ARGS -- CMAKE_ARGS...
