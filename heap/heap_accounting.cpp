@@ -246,7 +246,7 @@ void show_groups(heap_t* heap, u_int32_t by) {
         GlbLockGuard lock(heap_lock(), kSource, __LINE__);
         status = heap_walk(heap, group_block, &arg);
     }
-    const char* name = heap->name != nullptr ? heap->name : "<none>";
+    const char* name = heap_display_name(heap);
     const char* by_what = by == kByPc ? "PC" : by == kBySize ? "size" : "PC and size";
     parser_printf("\n Allocated blocks of heap %s by %s\n", name, by_what);
     char key_label[32];
@@ -309,7 +309,7 @@ void show_rates(heap_t* heap) {
             table->since = now;
         }
     }
-    const char* name = heap->name != nullptr ? heap->name : "<none>";
+    const char* name = heap_display_name(heap);
     if (no_room) {
         parser_printf("Allocation rates are counted for %zu heaps already, as many as can be at once\n", kRateHeaps);
         return;

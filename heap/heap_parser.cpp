@@ -46,8 +46,6 @@ constexpr status_t kWalkStopped = 1001;
 // The free-list size a listing shows for a block whose list is gone.
 constexpr u_int32_t kNoFreelistSize = 4294967295u;
 
-const char* name_of(const heap_t* heap) { return heap->name != nullptr ? heap->name : "<none>"; }
-
 // part as a share of total, in percent. Totals of 100 bytes or more divide
 // by total / 100, as every summary of the system does; smaller heaps would
 // divide by zero there and are given their exact share instead.
@@ -75,11 +73,11 @@ void summary_row(heap_t* heap, bool extensive) {
     const size_t used = total - heap->free_bytes;
     if (extensive) {
         parser_printf("%2u  %8" PRIxPTR "  %12zu  %12zu  %12zu  %3u  %12s       %3u\n", heap->id, heap->base, total,
-                      heap->free_bytes, used, percent_of(used, total), name_of(heap),
+                      heap->free_bytes, used, percent_of(used, total), heap_display_name(heap),
                       percent_of(total - heap->available_bytes_watermark, total));
     } else {
         parser_printf("%2u  %8" PRIxPTR "  %12zu  %12zu  %12zu  %3u  %s\n", heap->id, heap->base, total,
-                      heap->free_bytes, used, percent_of(used, total), name_of(heap));
+                      heap->free_bytes, used, percent_of(used, total), heap_display_name(heap));
     }
 }
 
@@ -231,12 +229,12 @@ void heap_sanity_walk(heap_t* heap, heap_walk_arg_t* arg) {
         status = heap_walk(heap, heap_display_block, arg);
     }
     if (status == 0) {
-        parser_printf("Heap %s passed Heap block sanity check (%9u blocks)\n", name_of(heap), arg->value);
+        parser_printf("Heap %s passed Heap block sanity check (%9u blocks)\n", heap_display_name(heap), arg->value);
         return;
     }
-    parser_printf("Heap %s ============  FAILURE  ==========\n", name_of(heap));
-    parser_printf("Heap %s failed Heap block sanity check\n", name_of(heap));
-    parser_printf("Heap %s ============  FAILURE  ==========\n", name_of(heap));
+    parser_printf("Heap %s ============  FAILURE  ==========\n", heap_display_name(heap));
+    parser_printf("Heap %s failed Heap block sanity check\n", heap_display_name(heap));
+    parser_printf("Heap %s ============  FAILURE  ==========\n", heap_display_name(heap));
 }
 
 constexpr const char* kHelpLines[] = {

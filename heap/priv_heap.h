@@ -136,6 +136,9 @@ bool heap_is_registered(const heap_t* heap);
 // heap_list exists (a heap has been created).
 bool heap_registry_exists();
 
+// The name displays show for a heap (its creator may have given none).
+inline const char* heap_display_name(const heap_t* heap) { return heap->name != nullptr ? heap->name : "<none>"; }
+
 // The accounting reports of `show heap ID accounting ...`, by selector (20 to 23).
 void heap_accounting_show(heap_t* heap, u_int32_t selector);
 
