@@ -145,6 +145,7 @@ void* heap_block_get(heap_t* heap, size_t size, void* callers_pc) {
     if (heap->debug_enabled) {
         trailer_write(block, callers_pc);
     }
+    heap_rates_note(heap, block, true);
     return data;
 }
 

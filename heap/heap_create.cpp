@@ -119,6 +119,8 @@ bool heap_is_registered(const heap_t* heap) {
     return false;
 }
 
+bool heap_registry_exists() { return heap_list_init_done != 0; }
+
 heap_t* heap_registered_owner(const void* addr) {
     if (!heap_list_init_done) {
         return nullptr;

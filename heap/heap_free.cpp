@@ -77,6 +77,7 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
             return;
     }
     heap->stats.frees++;
+    heap_rates_note(heap, block, false);
     heap->free_bytes += block->size + kHeaderSize;
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Trying to free block %p\n", "heap_block_return", heap->name,

@@ -233,5 +233,26 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
 // The registered heap whose range holds a header at addr, or null.
 heap_t* heap_registered_owner(const void* addr);
 bool heap_is_registered(const heap_t* heap);
+// heap_list exists (a heap has been created).
+bool heap_registry_exists();
+
+// The name displays show for a heap (its creator may have given none).
+inline const char* heap_display_name(const heap_t* heap) { return heap->name != nullptr ? heap->name : "<none>"; }
+
+// The accounting reports of `show heap ID accounting ...`, by selector (20 to 23).
+void heap_accounting_show(heap_t* heap, u_int32_t selector);
+
+// Per-PC counting of allocations and releases for the rates report. The
+// number of heaps being counted is read under the heap lock by the
+// allocation and release paths: while it is 0 they pay one load and one
+// branch.
+extern u_int32_t heap_rates_counted;
+void heap_rates_count(heap_t* heap, heap_block_t* block, bool allocated);
+// Counts block's allocation (allocated) or release, the heap lock held.
+inline void heap_rates_note(heap_t* heap, heap_block_t* block, bool allocated) {
+    if (heap_rates_counted != 0) [[unlikely]] {
+        heap_rates_count(heap, block, allocated);
+    }
+}
 
 }  // namespace corvex::heap

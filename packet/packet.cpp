@@ -238,6 +238,7 @@ packet_t* packet_alloc(sheaf_t* sheaf, packet_length_t length) {
 }
 
 boolean packet_free(sheaf_t* /*sheaf*/, packet_t* packet) {
+    packet_registry_remove(packet);
     if (packet->buffer != nullptr) heap_free(packet_buffer_heap, packet->buffer);
     free(packet);
     return TRUE;

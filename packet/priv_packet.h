@@ -143,6 +143,13 @@ inline packet_length_t sheaf_size_of(const sheaf_t* sheaf) {
     return static_cast<packet_length_t>(sheaf != nullptr ? sheaf->size : 0);
 }
 
+// The live headers that sheaves made (packet_registry.cpp): added when a
+// vector makes a header, removed before one is destroyed. Each takes
+// packet_glb_lock (the caller may hold it already).
+void packet_registry_add(packet_t* packet);
+void packet_registry_remove(packet_t* packet);
+bool packet_registry_holds(const void* address);
+
 // One take: the head of the free list when `dequeue` allows, else a fresh
 // packet from the vector.
 inline packet_t* sheaf_take_once(sheaf_t* sheaf, sheaf_size_t size, bool dequeue) {
@@ -154,6 +161,7 @@ inline packet_t* sheaf_take_once(sheaf_t* sheaf, sheaf_size_t size, bool dequeue
         return nullptr;
     }
     if (++sheaf->total > sheaf->high_thresh) sheaf->high_thresh = sheaf->total;
+    packet_registry_add(packet);
     return packet;
 }
 
@@ -164,6 +172,7 @@ inline void sheaf_give(sheaf_t* sheaf, packet_t* packet) {
         return;
     }
     ++sheaf->nfree;
+    packet_registry_remove(packet);
     if (sheaf->vector->free(sheaf, packet)) --sheaf->total;
 }
 

@@ -11,18 +11,10 @@ builds=${1:-$root/build}
 jobs=$(nproc)
 
 # ---- what the machine needs ------------------------------------------------
-packages=(cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev
-          pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils)
-missing=()
-for p in "${packages[@]}"; do
-  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
-done
-if [ ${#missing[@]} -gt 0 ]; then
-  echo "== installing: ${missing[*]}"
-  sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
-fi
+# shellcheck source=tools/packages.sh
+source "$root/tools/packages.sh"
+install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev \
+  pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3
 
 # ---- 32-bit programs ----------------------------------------------------------
 # The -m32 builds run their tests here. Kernels built without IA-32 emulation
@@ -33,9 +25,8 @@ mkdir -p "$builds"
 printf 'int main(void) { return 0; }\n' | gcc -m32 -x c - -o "$probe"
 if ! "$probe" 2>/dev/null; then
   echo "== this kernel does not run i386 programs: registering qemu-i386"
+  install_missing_packages qemu-user-static
   sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
-  dpkg-query -W -f='${Status}' qemu-user-static 2>/dev/null | grep -q "install ok installed" \
-    || DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq qemu-user-static >/dev/null
   mountpoint -q /proc/sys/fs/binfmt_misc \
     || $sudo mount -t binfmt_misc binfmt_misc /proc/sys/fs/binfmt_misc
   if [ ! -e /proc/sys/fs/binfmt_misc/qemu-i386 ]; then
