@@ -2,10 +2,8 @@
 
 #include <dlfcn.h>
 
-#include <cstdlib>
-#include <cstring>
-
 #include "heap.h"
+#include "sheaf.h"
 
 namespace {
 
@@ -24,6 +22,12 @@ bool fail_now(void* return_address) {
     return true;
 }
 
+// The library's own definition, behind this binary's replacement.
+template <typename Function>
+Function* library_function(const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
 }  // namespace
 
 namespace fault_test {
@@ -31,7 +35,7 @@ namespace fault_test {
 void fail_nth_allocation(int n) {
     if (library_base == nullptr) {
         Dl_info info{};
-        dladdr(reinterpret_cast<void*>(&kzalloc), &info);
+        dladdr(reinterpret_cast<void*>(&sheaf_create), &info);
         library_base = info.dli_fbase;
     }
     failed = false;
@@ -45,18 +49,14 @@ bool disarm() {
 
 }  // namespace fault_test
 
-extern "C" void* calloc(size_t count, size_t size) noexcept {
-    size_t bytes;
-    if (fail_now(__builtin_return_address(0)) || __builtin_mul_overflow(count, size, &bytes)) return nullptr;
-    void* p = malloc(bytes);
-    // Opaque to the optimiser, which would otherwise fold malloc and memset back into calloc.
-    asm volatile("" : "+r"(p));
-    if (p != nullptr) std::memset(p, 0, bytes);
-    return p;
+extern "C" void* kzalloc(size_t size) {
+    if (fail_now(__builtin_return_address(0))) return nullptr;
+    static auto* const library_kzalloc = library_function<void*(size_t)>("kzalloc");
+    return library_kzalloc(size);
 }
 
 extern "C" void* heap_malloc(heap_t* heap, size_t size) {
     if (fail_now(__builtin_return_address(0))) return nullptr;
-    static auto* const library_heap_malloc = reinterpret_cast<void* (*)(heap_t*, size_t)>(dlsym(RTLD_NEXT, "heap_malloc"));
+    static auto* const library_heap_malloc = library_function<void*(heap_t*, size_t)>("heap_malloc");
     return library_heap_malloc(heap, size);
 }

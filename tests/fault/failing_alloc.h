@@ -1,7 +1,8 @@
-// Makes the library's allocations fail on purpose. This binary replaces
-// libc's calloc (behind kzalloc, the library's records and headers) and
-// heap_malloc (the packet buffers); calls made from inside libcorvex count
-// down once armed, and the n-th of them fails.
+// Makes the library's allocations fail on purpose. This binary replaces the
+// allocation wrappers the library calls through its exported names, kzalloc
+// (sheaf records, packet headers, lists, tables) and heap_malloc (packet
+// buffers); calls made from inside libcorvex count down once armed, and the
+// n-th of them fails.
 #pragma once
 
 namespace fault_test {

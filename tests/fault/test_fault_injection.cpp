@@ -1,7 +1,8 @@
 // Every allocation of sheaf creation, pool start-up, packet get, clone and
 // coalescing, and table growth failed in turn: each failure path leaves the
 // counters consistent, logs nothing and leaks nothing (LeakSanitizer checks
-// the last in the sanitizer builds; here the pools and the heap balance).
+// the last in the sanitizer builds and valgrind; here the pools and the heap
+// balance).
 #include <algorithm>
 #include <tuple>
 #include <vector>
