@@ -123,6 +123,8 @@ TEST(HeapValidate, EachCorruptionFailsWithItsExactReport) {
     }
 }
 
+namespace {
+
 // Dies of the corruption the way the heap catches it on its own: a bad heap
 // record on the release of one of its blocks; an allocated block on its
 // release, with the heap its header names (none when that is a foreign
@@ -140,9 +142,11 @@ void catch_and_die(Three& t, const Corruption& c, bool heap_given) {
     if (n.block->header.allocated) {
         heap_free(n.block->x.alloc.heap == t.heap ? t.heap : nullptr, data(n.block));
     }
-    heap_walk_arg_t active = walk_arg(false, true);
+    heap_walk_arg_t active = walk_arg(false, true);  // a release that did not die leaves a log that differs
     heap_walk(t.heap, nullptr, &active);
 }
+
+}  // namespace
 
 TEST(HeapValidate, EachCorruptionIsCaughtWithItsExactLog) {
     for (const Corruption& c : kCorruptions) {
