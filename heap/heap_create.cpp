@@ -121,17 +121,24 @@ bool heap_is_registered(const heap_t* heap) {
 
 bool heap_registry_exists() { return heap_list_init_done != 0; }
 
+// A registered record whose magic was overwritten still owns its range:
+// the block is then in a corrupted heap, not in no heap. A sound heap
+// covering the address wins over such a record.
 heap_t* heap_registered_owner(const void* addr) {
     if (!heap_list_init_done) {
         return nullptr;
     }
+    heap_t* corrupted = nullptr;
     for (auto* h = static_cast<heap_t*>(list_get_head(&heap_list)); h != nullptr;
          h = static_cast<heap_t*>(list_get_next(&heap_list, h))) {
-        if (heap_valid(h) && header_in_heap(h, addr)) {
-            return h;
+        if (header_in_heap(h, addr)) {
+            if (heap_valid(h)) {
+                return h;
+            }
+            corrupted = corrupted != nullptr ? corrupted : h;
         }
     }
-    return nullptr;
+    return corrupted;
 }
 
 }  // namespace corvex::heap

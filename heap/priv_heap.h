@@ -230,7 +230,8 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
 [[noreturn]] void heap_bad_heap_panic(heap_t* heap);
 // A block whose size runs past the end of its heap: report, then panic.
 [[noreturn]] void heap_block_extent_panic(heap_t* heap, heap_block_t* block);
-// The registered heap whose range holds a header at addr, or null.
+// The registered heap whose range holds a header at addr (a sound one before
+// one whose magic is broken), or null.
 heap_t* heap_registered_owner(const void* addr);
 bool heap_is_registered(const heap_t* heap);
 // heap_list exists (a heap has been created).

@@ -98,6 +98,14 @@ TEST(HeapBlockLog, FreeBlockAndTheEndOfTheRange) {
     auto tail_lines = block_log_of(heap, tail);
     const int words = static_cast<int>(kHdr + 24) / 4;
     EXPECT_EQ(std::vector<std::string>(tail_lines.begin() + 4, tail_lines.begin() + 5 + words), raw_dump(tail, words));
+    // Also when the heap is not given, or its record's magic is broken: the range holding the block bounds it.
+    heap->magic = 0;
+    for (heap_t* given : {heap, static_cast<heap_t*>(nullptr)}) {
+        tail_lines = block_log_of(given, tail);
+        EXPECT_EQ(std::vector<std::string>(tail_lines.begin() + 4, tail_lines.begin() + 5 + words),
+                  raw_dump(tail, words));
+    }
+    heap->magic = HEAP_MAGIC;
 }
 
 TEST(HeapShowBlock, ExactDisplayOfEachKindOfBlock) {

@@ -123,6 +123,45 @@ TEST(HeapValidate, EachCorruptionFailsWithItsExactReport) {
     }
 }
 
+namespace {
+
+// Dies of the corruption the way the heap catches it on its own: a bad heap
+// record on the release of one of its blocks; an allocated block on its
+// release, with the heap its header names (none when that is a foreign
+// heap); a free block when a walk that panics reaches it.
+void catch_and_die(Three& t, const Corruption& c, bool heap_given) {
+    Named n = c.apply(t);
+    if (n.list != nullptr) {
+        expect_at_abort(panic_records(fmt("Heap corruption at 0x%p\n", static_cast<void*>(t.heap))), 1);
+        heap_free(heap_given ? t.heap : nullptr, data(t.b));
+        return;
+    }
+    auto log = records(3, expected_report(t.heap, c.error, n.block, n.prev, n.next));
+    append(log, panic_records(fmt("Memory corruption in block %p\n", static_cast<void*>(n.block))));
+    expect_at_abort(log, 2u + (n.prev != nullptr) + (n.next != nullptr));
+    if (n.block->header.allocated) {
+        heap_free(n.block->x.alloc.heap == t.heap ? t.heap : nullptr, data(n.block));
+    }
+    heap_walk_arg_t active = walk_arg(false, true);  // a release that did not die leaves a log that differs
+    heap_walk(t.heap, nullptr, &active);
+}
+
+}  // namespace
+
+TEST(HeapValidate, EachCorruptionIsCaughtWithItsExactLog) {
+    for (const Corruption& c : kCorruptions) {
+        SCOPED_TRACE(c.error);
+        const bool record = std::string(c.error) == "Heap corrupted";
+        for (bool heap_given : {true, false}) {
+            if (!heap_given && !record) continue;
+            EXPECT_EXACT_LOG_DEATH({
+                Three t(c.debug);
+                catch_and_die(t, c, heap_given);
+            });
+        }
+    }
+}
+
 TEST(HeapValidate, NearMissesPass) {
     Three t(true);
     // Only bits 16 and 17 are outside the header mark.

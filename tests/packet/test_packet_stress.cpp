@@ -10,13 +10,14 @@
 
 #include "packet_fixture.h"
 #include "recording_module.h"
+#include "stress_scale.h"
 
 using namespace packet_test;
 
 namespace {
 
 constexpr unsigned kDrivers = 4;
-constexpr int kIterations = 20000;
+constexpr long kIterations = 20000;  // per driver, before CORVEX_STRESS_SCALE
 constexpr packet_length_t kSizes[] = {60, 128, 300, 900, 1518, 2500};
 
 const packet_sheaf_block_t kTable[] = {
@@ -61,12 +62,13 @@ void drive(unsigned state) {
         state = state * 1103515245u + 12345u;
         return state >> 16;
     };
-    for (int i = 0; i < kIterations; ++i) {
+    const long iterations = corvex_test::stress_scaled(kIterations);
+    for (long i = 0; i < iterations; ++i) {
         const packet_length_t length = kSizes[next() % 6];
         const auto fill = static_cast<u_int8_t>(next());
         packet_t* p = counted(frame_packet(length, fill));
         if (p == nullptr) continue;
-        const unsigned action = next() % 4;
+        const unsigned action = next() % 5;
         if (action == 1) {  // two clones for other drivers, which may unlink one while the other is linked
             for (int n = 0; n < 2; ++n)
                 if (packet_t* clone = counted(packet_clone(p))) bag_put(clone);
@@ -80,6 +82,13 @@ void drive(unsigned state) {
             if (packet_t* clone = counted(packet_clone(p))) {
                 check_frame(clone, length, fill);
                 packet_return(clone);
+            }
+        } else if (action == 4) {  // copied into a packet of the same sheaf, which replaces it
+            if (packet_t* copy = counted(packet_get(length))) {
+                // Contents move as far as the sheaf's frame size: a misfit copies its headroom only.
+                if (packet_copy(p, copy, TRUE) && p->sheaf->size >= length) check_frame(copy, length, fill);
+                packet_return(p);
+                p = copy;
             }
         }
         if (p != nullptr) packet_return(p);
@@ -122,6 +131,7 @@ TEST(PacketStress, DriversAndTheBackgroundTaskLeaveEveryCountBalanced) {
     EXPECT_EQ(std::tuple(failed_takes.load(), bad_frames.load()), std::tuple(0, 0));
     EXPECT_EQ(packet_stats.get_successes, packet_stats.returns);
     EXPECT_EQ(packet_stats.clone_successes, packet_stats.clone_returns);
+    EXPECT_EQ(packet_stats.copy_requests, packet_stats.copy_successes);
     EXPECT_EQ(std::tuple(packet_stats.get_failures, packet_stats.error_header_refcount,
                          packet_stats.error_buffer_refcount, packet_stats.error_null_buffer),
               std::tuple(0u, 0u, 0u, 0u));
