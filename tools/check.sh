@@ -16,6 +16,9 @@ source "$root/tools/packages.sh"
 install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev \
   pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3
 
+ASAN_OPTIONS_ALL=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
+export ASAN_OPTIONS=$ASAN_OPTIONS_ALL
+
 # ---- 32-bit programs ----------------------------------------------------------
 # The -m32 builds run their tests here. Kernels built without IA-32 emulation
 # cannot start i386 programs; there qemu's user-mode emulator runs them,
@@ -23,8 +26,13 @@ install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googlet
 probe=$builds/i386-probe
 mkdir -p "$builds"
 printf 'int main(void) { return 0; }\n' | gcc -m32 -x c - -o "$probe"
+i386_asan_options=$ASAN_OPTIONS_ALL
 if ! "$probe" 2>/dev/null; then
   echo "== this kernel does not run i386 programs: registering qemu-i386"
+  # LeakSanitizer stops the world with ptrace, which qemu's user mode does
+  # not offer: under it the leak check never ends. The x86-64 build still
+  # checks for leaks.
+  i386_asan_options=${ASAN_OPTIONS_ALL/detect_leaks=1/detect_leaks=0}
   install_missing_packages qemu-user-static
   sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
   mountpoint -q /proc/sys/fs/binfmt_misc \
@@ -54,13 +62,14 @@ run() {
 
 m32=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-m32.cmake")
 asan=(-DCORVEX_SANITIZE=address,undefined)
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
+
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
 run x86_64        ""                 -- -DCORVEX_BENCH=ON
 run i386          ""                 -- "${m32[@]}" -DCORVEX_BENCH=ON
 run x86_64-asan   ""                 -- "${asan[@]}"
+ASAN_OPTIONS=$i386_asan_options \
 run i386-asan     ""                 -- "${m32[@]}" "${asan[@]}"
 # ThreadSanitizer exists for 64-bit processes only.
 run x86_64-tsan   "-L concurrency"   -- -DCORVEX_SANITIZE=thread
