@@ -9,7 +9,7 @@ import struct
 ETAG_TPID = 0x893F
 VLAN_TPID = 0x8100
 LLDP_TYPE = 0x88CC
-IPV4_TYPE = 0x0800
+PAYLOAD_TYPE = 0x88B5  # local experimental EtherType
 LLDP_MULTICAST = bytes.fromhex("0180c200000e")
 
 
@@ -30,10 +30,10 @@ def vlan(vid, pcp=0):
     return struct.pack(">HH", VLAN_TPID, pcp << 13 | vid)
 
 
-def ipv4_payload(n, size):
-    """An IPv4 EtherType and a payload of size bytes whose contents depend on n."""
+def payload(n, size):
+    """An EtherType and a payload of size bytes whose contents depend on n."""
     body = bytes((n * 7 + i) & 0xFF for i in range(size))
-    return struct.pack(">H", IPV4_TYPE) + body
+    return struct.pack(">H", PAYLOAD_TYPE) + body
 
 
 def frame(dst, src, *parts):
