@@ -223,7 +223,7 @@ int main(int argc, char** argv) {
     if (read != 0) return 2;
     std::vector<std::string> paths;
     std::vector<pe_port_io_t> ports;
-    pe_io_t* io = ports_plan(options, config, paths, ports) ? pe_io_open(ports.data(), config.nports) : nullptr;
+    pe_io_t* io = ports_plan(options, config, paths, ports) ? pe_io_open(ports.data(), config.nports, stderr) : nullptr;
     if (io == nullptr) return 2;
 
     pe_forwarder_t forwarder;

@@ -22,6 +22,7 @@ struct pe_io_t {
     Port ports[PE_PORTS_MAX];
     unsigned nports = 0;
     bool live = false;
+    FILE* err = stderr;
     timeval now{};  // timestamp given to frames written to files
 };
 
@@ -35,11 +36,11 @@ double monotonic_seconds() {
     return static_cast<double>(ts.tv_sec) + ts.tv_nsec / 1e9;
 }
 
-pcap_t* live_open(const char* interface) {
+pcap_t* live_open(const char* interface, FILE* err) {
     char error[PCAP_ERRBUF_SIZE] = "";
     pcap_t* handle = pcap_create(interface, error);
     if (handle == nullptr) {
-        fprintf(stderr, "corvex-pe: %s: %s\n", interface, error);
+        fprintf(err, "corvex-pe: %s: %s\n", interface, error);
         return nullptr;
     }
     pcap_set_snaplen(handle, kSnapLength);
@@ -47,30 +48,30 @@ pcap_t* live_open(const char* interface) {
     pcap_set_immediate_mode(handle, 1);
     if (pcap_activate(handle) < 0 || pcap_setnonblock(handle, 1, error) < 0 ||
         pcap_setdirection(handle, PCAP_D_IN) < 0) {
-        fprintf(stderr, "corvex-pe: %s: %s\n", interface, pcap_geterr(handle));
+        fprintf(err, "corvex-pe: %s: %s\n", interface, pcap_geterr(handle));
         pcap_close(handle);
         return nullptr;
     }
     return handle;
 }
 
-bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec) {
+bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec, FILE* err) {
     char error[PCAP_ERRBUF_SIZE] = "";
     if (spec.interface != nullptr) {
         port.input = spec.interface;
         port.live = true;
-        port.in = live_open(spec.interface);
+        port.in = live_open(spec.interface, err);
         return port.in != nullptr;
     }
     if (spec.input != nullptr) {
         port.input = spec.input;
         port.in = pcap_open_offline(spec.input, error);
         if (port.in == nullptr) {
-            fprintf(stderr, "corvex-pe: %s: %s\n", spec.input, error);
+            fprintf(err, "corvex-pe: %s: %s\n", spec.input, error);
             return false;
         }
         if (pcap_datalink(port.in) != DLT_EN10MB) {
-            fprintf(stderr, "corvex-pe: %s: not an Ethernet capture\n", spec.input);
+            fprintf(err, "corvex-pe: %s: not an Ethernet capture\n", spec.input);
             return false;
         }
     }
@@ -78,7 +79,7 @@ bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec) {
         port.dead = pcap_open_dead(DLT_EN10MB, kSnapLength);
         port.dump = port.dead == nullptr ? nullptr : pcap_dump_open(port.dead, spec.output);
         if (port.dump == nullptr) {
-            fprintf(stderr, "corvex-pe: %s: %s\n", spec.output,
+            fprintf(err, "corvex-pe: %s: %s\n", spec.output,
                     port.dead == nullptr ? "cannot write" : pcap_geterr(port.dead));
             return false;
         }
@@ -88,12 +89,12 @@ bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec) {
 
 // Reads the next frame of a file port; false at its end. A damaged or
 // truncated file is an error (status 2).
-int file_next(pe_io_t::Port& port) {
+int file_next(pe_io_t::Port& port, FILE* err) {
     const int result = pcap_next_ex(port.in, &port.header, &port.data);
     if (result == 1) return 1;
     port.header = nullptr;
     if (result == PCAP_ERROR_BREAK) return 0;
-    fprintf(stderr, "corvex-pe: %s: %s\n", port.input, pcap_geterr(port.in));
+    fprintf(err, "corvex-pe: %s: %s\n", port.input, pcap_geterr(port.in));
     return -1;
 }
 
@@ -115,7 +116,7 @@ struct Progress {
 
 int files_run(pe_io_t* io, pe_forwarder_t* forwarder, volatile sig_atomic_t* stop, Progress& progress) {
     for (unsigned i = 0; i < io->nports; ++i)
-        if (io->ports[i].in != nullptr && file_next(io->ports[i]) < 0) return 2;
+        if (io->ports[i].in != nullptr && file_next(io->ports[i], io->err) < 0) return 2;
     for (unsigned long frames = 0; !*stop; ++frames) {
         // The earliest frame of all ports goes first, as it would on the wire.
         pe_io_t::Port* next = nullptr;
@@ -130,7 +131,7 @@ int files_run(pe_io_t* io, pe_forwarder_t* forwarder, volatile sig_atomic_t* sto
         if (next == nullptr) return 0;
         io->now = next->header->ts;
         pe_forward_frame(forwarder, in_port, next->data, next->header->caplen, next->header->len);
-        if (file_next(*next) < 0) return 2;
+        if (file_next(*next, io->err) < 0) return 2;
         if ((frames & 4095) == 0) progress.tick(forwarder, io->nports);
     }
     return 0;
@@ -164,7 +165,7 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
             if ((fds[f].revents & POLLIN) == 0) continue;
             LiveFrame frame{forwarder, polled[f]};
             if (pcap_dispatch(io->ports[polled[f]].in, -1, live_frame, reinterpret_cast<u_char*>(&frame)) < 0) {
-                fprintf(stderr, "corvex-pe: %s: %s\n", io->ports[polled[f]].input,
+                fprintf(io->err, "corvex-pe: %s: %s\n", io->ports[polled[f]].input,
                         pcap_geterr(io->ports[polled[f]].in));
                 return 2;
             }
@@ -176,11 +177,12 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
 
 }  // namespace
 
-pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports) {
+pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err) {
     auto* io = new pe_io_t;
+    io->err = err;
     io->nports = nports;
     for (unsigned i = 0; i < nports; ++i) {
-        if (!port_open(io->ports[i], ports[i])) {
+        if (!port_open(io->ports[i], ports[i], err)) {
             pe_io_close(io);
             return nullptr;
         }
@@ -204,7 +206,7 @@ void pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
     pe_io_t::Port& port = io->ports[port_index];
     if (port.live) {
         if (pcap_inject(port.in, packet->frame_start, packet->length) < 0)
-            fprintf(stderr, "corvex-pe: %s: %s\n", port.input, pcap_geterr(port.in));
+            fprintf(io->err, "corvex-pe: %s: %s\n", port.input, pcap_geterr(port.in));
     } else if (port.dump != nullptr) {
         pcap_pkthdr header{};
         header.ts = io->now;

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstdint>
+#include <cstdio>
 
 #include "pe_forward.h"
 
@@ -20,8 +21,8 @@ struct pe_port_io_t {
 };
 
 // Opens every port's files or interfaces. Returns null after one line on
-// stderr naming what could not be opened.
-pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports);
+// err naming what could not be opened; later faults are told there too.
+pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err);
 void pe_io_close(pe_io_t* io);
 
 // The emit function of the forwarder for these ports (context: the pe_io_t).
@@ -29,6 +30,6 @@ void pe_io_emit(void* context, unsigned port, const packet_t* packet);
 
 // Runs frames through forwarder until the files end, seconds pass in live
 // mode (0: no limit), or *stop is set. Prints a progress line every second
-// on stderr when progress is set. Returns 0, or 2 after one line on stderr
-// when an input file turns out truncated or damaged.
+// on stderr when progress is set. Returns 0, or 2 after one line on the
+// error stream when an input file turns out truncated or damaged.
 int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress);
