@@ -164,7 +164,7 @@ def files_test(program):
             check(re.search(r"^ +%d %s$" % (value, label), result.stdout, re.M), "%s not %d" % (label, value))
         check("Heaps at exit: 4 walk clean, free bytes as at start-up" in result.stdout, "heaps at exit")
         tshark_check(os.path.join(work, "out", "up.pcap"), rows)
-        bad_input_test(program, config, work)
+        bad_input_test(program, work)
     finally:
         shutil.rmtree(work)
 
@@ -184,25 +184,29 @@ def tshark_check(path, rows):
     check(result.stdout.splitlines() == want, "tshark decoded:\n%s\nexpected:\n%s" % (result.stdout, "\n".join(want)))
 
 
-def bad_input_test(program, config, work):
-    good = os.path.join(work, "in", "up.pcap")
-    with open(good, "rb") as fin:
+def bad_input_test(program, work):
+    """Each bad file, capture or configuration, ends the run with status 2 and one line naming it."""
+    with open(os.path.join(work, "in", "up.pcap"), "rb") as fin:
         data = fin.read()
-    bad = os.path.join(work, "bad.pcap")
-    for name, content, message in [
-            ("missing file", None, "No such file or directory"),
-            ("text file", b"not a capture at all\n" * 4, "unknown file format"),
-            ("cut in the file header", data[:10], "truncated dump file"),
-            ("cut in a record", data[:24 + 16 + 20], "truncated dump file")]:
+    bad = os.path.join(work, "bad")
+    for name, capture, text, message in [
+            ("missing capture", None, CONFIG, bad + ": No such file or directory"),
+            ("text as capture", b"not a capture at all\n" * 4, CONFIG, bad + ": unknown file format"),
+            ("cut in the file header", data[:10], CONFIG, bad + ": truncated dump file"),
+            ("cut in a record", data[:24 + 16 + 20], CONFIG, bad + ": truncated dump file"),
+            ("unknown statement", data, CONFIG + "bridge x\n", bad + ".conf:8: unknown statement: bridge"),
+            ("multicast port", data, "upstream up\nport a 0x1001\n", bad + ".conf:2: not a unicast E-CID: 0x1001"),
+            ("group of nothing", data, CONFIG + "group 0x1002 up\n", bad + ".conf:8: not an extended port: up")]:
         if os.path.exists(bad):
             os.remove(bad)
-        if content is not None:
+        if capture is not None:
             with open(bad, "wb") as out:
-                out.write(content)
-        result = run([program, "--config", config, "--in", "up=" + bad, "--out", os.path.join(work, "bad"), "-q"])
-        lines = result.stderr.splitlines()
-        check(result.returncode == 2 and len(lines) == 1 and lines[0].startswith("corvex-pe: " + bad + ": ")
-              and message in lines[0], "%s: status %d, stderr %r" % (name, result.returncode, result.stderr))
+                out.write(capture)
+        with open(bad + ".conf", "w") as out:
+            out.write(text)
+        result = run([program, "--config", bad + ".conf", "--in", "up=" + bad, "--out", bad + ".out", "-q"])
+        check(result.returncode == 2 and result.stderr.startswith("corvex-pe: " + message)
+              and result.stderr.count("\n") == 1, "%s: status %d, stderr %r" % (name, result.returncode, result.stderr))
 
 
 def sample_test():

@@ -5,7 +5,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 struct pe_io_t {
@@ -65,8 +67,15 @@ bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec, FILE* err) {
     }
     if (spec.input != nullptr) {
         port.input = spec.input;
-        port.in = pcap_open_offline(spec.input, error);
+        // Opened here so that a missing file is told like any other fault.
+        FILE* file = fopen(spec.input, "rb");
+        if (file == nullptr) {
+            fprintf(err, "corvex-pe: %s: %s\n", spec.input, strerror(errno));
+            return false;
+        }
+        port.in = pcap_fopen_offline(file, error);  // closes file from now on
         if (port.in == nullptr) {
+            fclose(file);
             fprintf(err, "corvex-pe: %s: %s\n", spec.input, error);
             return false;
         }
