@@ -231,6 +231,8 @@ def live_test(program):
     try:
         result = run(["ip", "netns", "exec", namespace, sys.executable, __file__, "live-inside", program])
         sys.stdout.write(result.stdout)
+        if result.returncode == 77:
+            sys.exit(77)
         check(result.returncode == 0, "live test:\n" + result.stdout + result.stderr)
     finally:
         run(["ip", "netns", "delete", namespace])
@@ -242,7 +244,9 @@ def live_inside(program):
     for port in ("up", "a"):
         for argv in (["ip", "link", "add", port + "0", "type", "veth", "peer", "name", port + "1"],
                      ["ip", "link", "set", port + "0", "up"], ["ip", "link", "set", port + "1", "up"]):
-            check(run(argv).returncode == 0, " ".join(argv))
+            if run(argv).returncode != 0:
+                print("SKIPPED: this machine allows no veth pair: " + " ".join(argv))
+                sys.exit(77)
     work = tempfile.mkdtemp(prefix="corvex-pe-live-")
     config = os.path.join(work, "pe.conf")
     with open(config, "w") as out:
