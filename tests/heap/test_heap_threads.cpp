@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <random>
 #include <thread>
-#include <vector>
 
 #include "heap_fixture.h"
 
@@ -23,9 +22,7 @@ void churn(std::vector<heap_t*> heaps, unsigned seed, int rounds) {
     std::vector<Held> held;
     auto release = [&](size_t i) {
         Held h = held[i];
-        if (std::count(h.data, h.data + h.size, h.fill) != static_cast<std::ptrdiff_t>(h.size)) {
-            ADD_FAILURE() << "block " << static_cast<void*>(h.data) << " was overwritten";
-        }
+        EXPECT_EQ(std::count(h.data, h.data + h.size, h.fill), static_cast<std::ptrdiff_t>(h.size)) << "overwritten";
         heap_free(rng() % 2 ? h.heap : nullptr, h.data);
         held[i] = held.back();
         held.pop_back();

@@ -31,11 +31,10 @@ public:
     parser_type_keyword& last_keyword() { return *last_keyword_; }
 
     parser_node_info* number(u_int64_t min, u_int64_t max, const char* help,
-                             std::initializer_list<parser_node_info*> next, bool default_ok = false) {
+                             std::initializer_list<parser_node_info*> next) {
         auto& node = add<parser_type_unsigned_number>();
         node.min = min;
         node.max = max;
-        node.default_ok = default_ok;
         return link(node.info, PARSER_NODE_UNSIGNED_NUMBER, help, next, 0);
     }
 
@@ -54,14 +53,7 @@ public:
         return link(node.info, PARSER_NODE_END_OF_LINE, nullptr, {}, security_level);
     }
 
-    // A node of a type the tree's own parsers handle.
-    parser_node_info* custom(int type, const char* help, std::initializer_list<parser_node_info*> next) {
-        return link(add<parser_node_info>(), type, help, next, 0);
-    }
-
-    parser_tree_info tree(std::initializer_list<parser_node_info*> top, parser_cmd_info* sub_parsers = nullptr) {
-        return parser_tree_info{chain(top), sub_parsers};
-    }
+    parser_tree_info tree(std::initializer_list<parser_node_info*> top) { return parser_tree_info{chain(top), nullptr}; }
 
 private:
     static parser_node_info* chain(std::initializer_list<parser_node_info*> nodes) {
@@ -153,9 +145,7 @@ protected:
                        {t.address(0x1000, 0xffff, "memory address",
                                   {t.end(record_command, 6),
                                    t.number(0, UINT64_MAX, "byte count", {t.end(record_command, 7)})})}),
-             t.keyword("secret", "secret data", {t.end(record_command, 8)}, 10),
-             t.keyword("limit", "a limit that may be left out",
-                       {t.number(7, 99, "limit", {t.end(record_command, 12)}, true)})});
+             t.keyword("secret", "secret data", {t.end(record_command, 8)}, 10)});
         auto* set = t.keyword(
             "set", "set parameters",
             {t.keyword("security", "set the parser security level",

@@ -40,6 +40,25 @@ std::vector<LogRecord> syslog_records() {
     return records;
 }
 
+std::vector<std::string> syslog_texts(int priority) {
+    std::vector<std::string> texts;
+    for (const LogRecord& record : syslog_records()) {
+        if (record.priority == priority) texts.push_back(record.text);
+    }
+    return texts;
+}
+
+std::string fmt(const char* format, ...) {
+    va_list args, again;
+    va_start(args, format);
+    va_copy(again, args);
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, args)), '\0');
+    vsnprintf(text.data(), text.size() + 1, format, again);
+    va_end(again);
+    va_end(args);
+    return text;
+}
+
 void syslog_echo_to_stderr(bool on) {
     std::lock_guard<std::mutex> hold(records_mutex);
     echo = on;

@@ -2,7 +2,7 @@
 
 #include <map>
 
-namespace packet_test {
+namespace corvex_test {
 namespace {
 int create_result = 1;
 char module_storage;
@@ -32,9 +32,9 @@ zrmodule_timer_func recorded_timer(const std::string& name) {
     return found == timers.end() ? nullptr : found->second;
 }
 
-}  // namespace packet_test
+}  // namespace corvex_test
 
-using namespace packet_test;
+using namespace corvex_test;
 
 extern "C" {
 
