@@ -11,15 +11,18 @@ std::mutex records_mutex;
 std::vector<LogRecord> records;
 bool echo = false;
 
-void capture(int priority, const char* format, va_list args) {
+std::string formatted(const char* format, va_list args) {
     va_list again;
     va_copy(again, args);
-    int length = vsnprintf(nullptr, 0, format, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
     std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0) {
-        vsnprintf(text.data(), text.size() + 1, format, again);
-    }
+    if (length > 0) vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
+    return text;
+}
+
+void capture(int priority, const char* format, va_list args) {
+    std::string text = formatted(format, args);
     std::lock_guard<std::mutex> hold(records_mutex);
     if (echo) {
         fprintf(stderr, "<%d>%s", priority, text.c_str());
@@ -49,12 +52,9 @@ std::vector<std::string> syslog_texts(int priority) {
 }
 
 std::string fmt(const char* format, ...) {
-    va_list args, again;
+    va_list args;
     va_start(args, format);
-    va_copy(again, args);
-    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, args)), '\0');
-    vsnprintf(text.data(), text.size() + 1, format, again);
-    va_end(again);
+    std::string text = formatted(format, args);
     va_end(args);
     return text;
 }

@@ -1,12 +1,10 @@
-// Builds command trees for the CLI tests, records what the command
-// callbacks received, and sets up a lab switch's commands.
-#pragma once
-
-#include <cstdint>
+// The CLI library: the parser's matching, values, ranges, help, completion,
+// security levels, hidden words and root commands; sessions' scripts, typed
+// lines, and sessions used from several threads at once.
 #include <cstdio>
-#include <initializer_list>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,7 +13,9 @@
 #include "cli_session.h"
 #include "host_cli.h"
 
-namespace corvex_test {
+using corvex_test::CliCapture;
+
+namespace {
 
 class TreeBuilder {
 public:
@@ -196,4 +196,95 @@ protected:
     parser_config* session_ = nullptr;
 };
 
-}  // namespace corvex_test
+using Parser = LabCli;
+using Calls = std::vector<std::string>;
+
+TEST_F(Parser, LinesReachTheirCallbacksWithTheValuesInTypedOrder) {
+    expect_lines({{"show port 5 counters"},
+                  {"  set   speed 0x10\t1000 "},
+                  {"show memory 0xFFFF 0xffffffffffffffff"},
+                  {"sho port 5 cou"},  // "port" typed in full wins over "ports"
+                  {"mode fast"},
+                  {"mode SloW"},
+                  {""},
+                  {"mode FAST", "% Unknown word \"FAST\"\n", CLI_UNKNOWN_WORD},  // case matters by default
+                  {"sh ports", "% Ambiguous word \"sh\": show shutdown\n", CLI_AMBIGUOUS},
+                  {"s", "% Ambiguous word \"s\": show set shutdown\n", CLI_AMBIGUOUS},  // hidden words take no part
+                  {"single", "% Unknown word \"single\"\n", CLI_UNKNOWN_WORD},           // and are never abbreviated
+                  {"show secret", "% \"secret\" needs security level 10 (session level 0)\n", CLI_DENIED},
+                  {"show ports now", "% Unknown word \"now\"\n", CLI_UNKNOWN_WORD},
+                  {"show port 49", "% Value \"49\" out of range (1-48)\n", CLI_OUT_OF_RANGE},
+                  {"show port 0x", "% Unknown word \"0x\"\n", CLI_UNKNOWN_WORD},
+                  {"show memory 0xfff", "% Address \"0xfff\" out of range (0x1000-0xffff)\n", CLI_OUT_OF_RANGE},
+                  {"show port", "% Incomplete command\n", CLI_INCOMPLETE}});
+    EXPECT_EQ(recorded_summary(),
+              (Calls{"3 n5", "9 n16 n1000", "7 a0xffff n18446744073709551615", "3 n5", "11 k3", "11 k-1"}));
+    const auto& first = recorded_commands().at(0);
+    EXPECT_EQ(std::tuple(first.config, first.items.at(0).source_node), std::tuple(session_, port_number_));
+}
+
+TEST_F(Parser, QuestionMarkListsWhatMayComeNextTabCompletesListedWords) {
+    expect_lines({{"show ?", "  <cr>\n  port    one port\n  ports   all ports\n  memory  memory at an address\n"},
+                  {"sho po?", "  port   one port\n  ports  all ports\n"},
+                  {"show port 4?", "  <1-48>  port number\n"},
+                  {"shw ?", "% Unknown word \"shw\"\n", CLI_UNKNOWN_WORD}});
+    EXPECT_TRUE(recorded_commands().empty());
+    EXPECT_EQ(complete("show port 5 c"), (Calls{"counters", "config"}));
+    for (const char* none : {"show port ", "si", "show se"}) EXPECT_EQ(complete(none), Calls{}) << none;  // number, hidden, level
+}
+
+TEST_F(Parser, RootCommandsActOnTheExecutingSession) {
+    expect_lines({{"set security 10", "Security level set to 10\n"},
+                  {"debug", "Parser debugging is on\n"},
+                  {"show memory 0x1234 9", "parser: magic 7, 2 items\n  0: address 0x1234\n  1: number 9\n"},
+                  {"mode fast", "parser: magic 11, 1 item\n  0: keyword value 3\n"},
+                  {"undebug", "parser: magic 0, 0 items\nParser debugging is off\n"},  // traced while on
+                  {"test", "test: magic 0, 0 items\n"},
+                  {"show port 99", "% Value \"99\" out of range (1-48)\n", CLI_OUT_OF_RANGE},
+                  {"show",
+                   "Security level: 10\nParser debugging: off\nSingle-line mode: off\n"
+                   "Commands: 6 executed, 1 failed\nHistory: 0 lines\n"},
+                  {"clear", "Session history and counters cleared\n"}});
+    EXPECT_NE(run("show").find("Commands: 1 executed, 0 failed\n"), std::string::npos) << "clear itself";
+    CliCapture capture;
+    parser_result none{};
+    parser_vty_show(nullptr, &none, 0);
+    EXPECT_EQ(capture.text(), "% No session\n");
+}
+
+void append_text(void* text, const char* data, size_t length) { static_cast<std::string*>(text)->append(data, length); }
+
+using Session = LabCli;
+
+TEST_F(Session, SessionsOnSeveralThreadsKeepTheirOwnTerminals) {
+    constexpr int kCommands = 200;
+    parser_config* shared = cli_session_create(&tree_);
+    std::string texts[2];
+    size_t shared_calls[2] = {};
+    auto work = [&](int n) {
+        parser_config* own = cli_session_create(&tree_);
+        cli_session_output_set(own, append_text, &texts[n]);
+        recorded_commands().clear();
+        for (int i = 0; i < kCommands; ++i) {
+            EXPECT_EQ(cli_session_execute(own, "test"), CLI_OK);
+            EXPECT_EQ(cli_session_execute(shared, "show ports"), CLI_OK);
+        }
+        for (const auto& call : recorded_commands()) shared_calls[n] += call.config == shared;
+        cli_session_destroy(own);
+    };
+    std::thread first(work, 0), second(work, 1);
+    first.join();
+    second.join();
+    std::string expected;
+    for (int i = 0; i < kCommands; ++i) expected += "test: magic 0, 0 items\n";
+    for (int n : {0, 1}) {
+        EXPECT_EQ(texts[n], expected);
+        EXPECT_EQ(shared_calls[n], size_t{kCommands});
+    }
+    CliCapture capture;
+    cli_session_execute(shared, "show");
+    EXPECT_NE(capture.text().find("Commands: 400 executed, 0 failed\n"), std::string::npos) << capture.text();
+    cli_session_destroy(shared);
+}
+
+}  // namespace
