@@ -25,7 +25,8 @@ TEST(BaseServices, ZeroingWrappersTracebackAndProcessorHooks) {
     EXPECT_EQ(corvex_test::syslog_texts(3),
               (std::vector<std::string>{"traceback: Freeing an already freed block!\n", "do_traceback: bad block\n"}));
     void* frames[1] = {frames};
-    EXPECT_EQ(std::tuple(get_backtrace(frames, 1), interrupt_raise_priority(7), cpu_disable_interrupts()), std::tuple(0, 0, 1));
+    EXPECT_EQ(std::tuple(get_backtrace(frames, 1), interrupt_raise_priority(7), cpu_disable_interrupts()),
+              std::tuple(0, 0, 1));
     EXPECT_EQ(frames[0], static_cast<void*>(frames)) << "no frames written";
 }
 

@@ -47,9 +47,7 @@ inline void expect_whole(heap_t* heap, const char* file = __builtin_FILE(), int 
 inline std::vector<std::string> block_log_of(heap_t* heap, heap_block_t* block) {
     syslog_clear();
     heap_block_log(3, heap, block);
-    auto texts = syslog_texts(3);
-    syslog_clear();
-    return texts;
+    return syslog_texts(3);
 }
 
 // The corruption report: a title, then each named block framed and logged.
@@ -58,7 +56,8 @@ inline std::vector<std::string> expected_report(heap_t* heap, const char* error,
     std::vector<std::string> lines = {"HEAP: Heap Block Corrupted\n", fmt("HEAP: %s\n", error)};
     for (auto [title, b] : {std::pair{"Current", block}, {"Previous", prev}, {"Next", next}}) {
         if (b == nullptr) continue;
-        lines.insert(lines.end(), {"HEAP:\n", "HEAP:\n", fmt("HEAP: %s Heap Block: %p\n", title, static_cast<void*>(b))});
+        lines.insert(lines.end(),
+                     {"HEAP:\n", "HEAP:\n", fmt("HEAP: %s Heap Block: %p\n", title, static_cast<void*>(b))});
         auto log = block_log_of(heap, b);
         lines.insert(lines.end(), log.begin(), log.end());
     }

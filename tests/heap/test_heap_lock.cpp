@@ -27,7 +27,8 @@ TEST(HeapLock, ReenteredFromAHookAndReleasedByTheCallThatTookIt) {
     heap_free(heap, heap_malloc(heap, 100));
     int other_thread = -1;
     std::thread([&] {
-        if ((other_thread = pthread_mutex_trylock(&heap_alloc_glb_lock)) == 0) pthread_mutex_unlock(&heap_alloc_glb_lock);
+        if ((other_thread = pthread_mutex_trylock(&heap_alloc_glb_lock)) == 0)
+            pthread_mutex_unlock(&heap_alloc_glb_lock);
     }).join();
     EXPECT_EQ(std::tuple(hook_heap->stats.frees, other_thread), std::tuple(inner_frees + 1, 0));
     EXPECT_TRUE(heap_alloc_glb_lock_line > 0 && std::string(heap_alloc_glb_lock_filname) == "heap/heap");

