@@ -18,6 +18,7 @@
 #include <pthread.h>
 
 #include "corvex_types.h"
+#include "host_cli.h"
 #include "llist_shared.h"
 
 CORVEX_BEGIN_DECLS
@@ -255,6 +256,19 @@ CORVEX_API status_t heap_low_watermark_set(heap_t* heap, size_t low_watermark_by
 CORVEX_API boolean heap_low_watermark_check(heap_t* heap);
 CORVEX_API void heap_mem_params(heap_t* heap, uintptr_t* startp, uintptr_t* endp, uintptr_t* sizep);
 CORVEX_API u_int32_t heap_block_size(void* raw_block);
+
+/* ---- diagnostic commands (callbacks of libcorvex_vty_tree) -------------- */
+
+/* Does nothing: the command tree is constant data. */
+CORVEX_API void heap_parser_init(void);
+/* debug heap ID (magic 1) and undebug heap ID (magic 0): the heap's trace flag. */
+CORVEX_API void heap_debug_command(parser_config* config, parser_result* result, u_int32_t magic);
+/* Every show heap command: summaries, free lists, block listings, sanity, accounting. */
+CORVEX_API void heap_show_command(parser_config* config, parser_result* result, u_int32_t magic);
+/* Every set heap command: low watermark, debug mode, low-memory recovery limits. */
+CORVEX_API void heap_set_command(parser_config* config, parser_result* result, u_int32_t magic);
+/* Prints the heap commands' help text; heap is not used. */
+CORVEX_API void heap_display_help(heap_t* heap);
 
 CORVEX_END_DECLS
 

@@ -166,6 +166,15 @@ void parser_vty_clear(parser_config* config, parser_result* result, u_int32_t ma
 void parser_vty_test(parser_config* config, parser_result* result, u_int32_t magic);
 void parser_vty_single_line_mode(parser_config* config, parser_result* result, u_int32_t magic);
 
+/* ---- the library's command tree ------------------------------------------ */
+
+/*
+ * Every diagnostic command of the library below the host's roots (debug,
+ * undebug, show, set, clear, test, single-line-mode): constant data that
+ * the host's parser reads whenever it likes. Nothing registers it.
+ */
+CORVEX_API extern const parser_tree_info libcorvex_vty_tree;
+
 CORVEX_END_DECLS
 
 #endif /* CORVEX_HOST_CLI_H */

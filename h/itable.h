@@ -81,16 +81,17 @@ CORVEX_API int itable16_destroy(itable16_t* table);
 
 /* Lookup without a call: three array steps, no limit or mark check. */
 static inline void* itable16_lookup_inline(const itable16_t* table, index16_t index) {
-    void*** can = table->cans[index >> 12];
+    const unsigned int i = index; /* shifts in full-width registers */
+    void*** can = table->cans[i >> 12];
     void** bucket;
     if (can == NULL) {
         return NULL;
     }
-    bucket = can[(index >> 6) & 63];
+    bucket = can[(i >> 6) & 63];
     if (bucket == NULL) {
         return NULL;
     }
-    return bucket[index & 63];
+    return bucket[i & 63];
 }
 
 CORVEX_END_DECLS

@@ -18,6 +18,7 @@
 
 #include "corvex_types.h"
 #include "heap.h"
+#include "host_cli.h"
 #include "host_module.h"
 #include "sheaf.h"
 
@@ -185,6 +186,19 @@ CORVEX_API void packet_pool_init(sheaf_vector_t* user_vector, const packet_sheaf
                                  heap_t* buffer_heap);
 CORVEX_API void packet_task_start(void);
 CORVEX_API void packet_periodc_timer_start(zrmodule* module);
+
+/* ---- diagnostic commands (callbacks of libcorvex_vty_tree) -------------- */
+
+/* show packet: the sheaves of the pool table, the misfit and the clone pool. */
+CORVEX_API void packet_show_command(parser_config* config, parser_result* result, u_int32_t magic);
+/* show packet statistics: the counters of packet_stats. */
+CORVEX_API void packet_show_stats_command(parser_config* config, parser_result* result, u_int32_t magic);
+/* show packet dump ADDRESS: only an address that names a live header of a sheaf is read. */
+CORVEX_API void packet_show_dump(parser_config* config, parser_result* result, u_int32_t magic);
+/* show packet sheaf ID: the packets resting in that sheaf. */
+CORVEX_API void packet_show_sheaf(parser_config* config, parser_result* result, u_int32_t magic);
+/* Prints the header (and with show_buffer its sheaf and data) of a packet the caller holds. */
+CORVEX_API void packet_dump(packet_t* packet, boolean show_buffer);
 
 CORVEX_END_DECLS
 

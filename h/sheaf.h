@@ -103,6 +103,9 @@ CORVEX_API void sheaf_walk(sheaf_t* sheaf, sheaf_walker_t walker);
  */
 CORVEX_API void sheaf_spawn_perodic_task(void);
 
+/* Prints the sheaf's line of the show packet table on the CLI terminal. */
+CORVEX_API void sheaf_display(sheaf_t* sheaf);
+
 CORVEX_END_DECLS
 
 #endif /* CORVEX_SHEAF_H */

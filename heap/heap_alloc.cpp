@@ -4,7 +4,7 @@
 #include <syslog.h>
 
 #include "kdebug.h"
-#include "priv_heap.h"
+#include "priv_freelist.h"
 
 namespace corvex::heap {
 
@@ -37,7 +37,7 @@ heap_block_t* heap_block_find(heap_t* heap, size_t size) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Looking for at least %d free bytes \n", "heap_block_find", name,
                static_cast<int>(size));
     }
-    heap_freelist_t* list = heap_freelist_find_by_size(heap, size, TRUE);
+    heap_freelist_t* list = freelist_search(heap, size, TRUE);
     if (list->size != 0) {
         heap_block_t* block = heap_freelist_dequeue(heap, list, nullptr);
         if (heap->debug) {
@@ -145,6 +145,7 @@ void* heap_block_get(heap_t* heap, size_t size, void* callers_pc) {
     if (heap->debug_enabled) {
         trailer_write(block, callers_pc);
     }
+    heap_rates_note(heap, block, true);
     return data;
 }
 

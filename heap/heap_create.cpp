@@ -5,7 +5,7 @@
 #include <syslog.h>
 
 #include "llist.h"
-#include "priv_heap.h"
+#include "priv_freelist.h"
 
 extern "C" {
 list_t heap_list;
@@ -74,6 +74,7 @@ status_t heap_create_internal(heap_t* heap, uintptr_t first, uintptr_t last, cha
     }
     heap->id = heap_list.item_count;
     list_append(&heap_list, &heap->links);
+    freelist_bits_attach(heap);
     heap_get_default_debug_proc(&heap->debug_proc);
     return 0;
 }
@@ -118,17 +119,26 @@ bool heap_is_registered(const heap_t* heap) {
     return false;
 }
 
+bool heap_registry_exists() { return heap_list_init_done != 0; }
+
+// A registered record whose magic was overwritten still owns its range:
+// the block is then in a corrupted heap, not in no heap. A sound heap
+// covering the address wins over such a record.
 heap_t* heap_registered_owner(const void* addr) {
     if (!heap_list_init_done) {
         return nullptr;
     }
+    heap_t* corrupted = nullptr;
     for (auto* h = static_cast<heap_t*>(list_get_head(&heap_list)); h != nullptr;
          h = static_cast<heap_t*>(list_get_next(&heap_list, h))) {
-        if (heap_valid(h) && header_in_heap(h, addr)) {
-            return h;
+        if (header_in_heap(h, addr)) {
+            if (heap_valid(h)) {
+                return h;
+            }
+            corrupted = corrupted != nullptr ? corrupted : h;
         }
     }
-    return nullptr;
+    return corrupted;
 }
 
 }  // namespace corvex::heap

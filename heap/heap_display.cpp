@@ -62,16 +62,11 @@ struct BlockFacts {
     }
 };
 
-// The heap whose range bounds the raw dump: the given one, or the one an
-// allocated header names when that is a registered heap.
+// The heap whose range bounds the raw dump: the given one when it is sound,
+// else the registered heap holding the header (one whose magic was broken
+// still bounds where its blocks lie).
 heap_t* range_heap(heap_t* heap, heap_block_t* block) {
-    if (heap_valid(heap)) {
-        return heap;
-    }
-    if (heap == nullptr && block->header.allocated && heap_is_registered(block->x.alloc.heap)) {
-        return block->x.alloc.heap;
-    }
-    return nullptr;
+    return heap_valid(heap) ? heap : heap_registered_owner(block);
 }
 
 void log_raw_dump(u_int32_t priority, heap_t* bound, heap_block_t* block) {

@@ -3,7 +3,7 @@
 #include <syslog.h>
 
 #include "kdebug.h"
-#include "priv_heap.h"
+#include "priv_freelist.h"
 
 namespace corvex::heap {
 
@@ -76,16 +76,19 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
             block->header.refcount = block->header.refcount - 1;
             return;
     }
-    block->header.refcount = 0;
     heap->stats.frees++;
+    heap_rates_note(heap, block, false);
     heap->free_bytes += block->size + kHeaderSize;
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Trying to free block %p\n", "heap_block_return", heap->name,
                static_cast<void*>(block));
     }
-    block->header.allocated = 0;
-    block->header.debug = 0;
-    block->header.pc_saved = 0;
+    small_node_header_t word = block->header;  // one store for the four fields
+    word.refcount = 0;
+    word.allocated = 0;
+    word.debug = 0;
+    word.pc_saved = 0;
+    block->header = word;
     heap->debug_proc.post_free(raw_block, usable_size(block));
 
     // A free neighbour's list links are about to be followed and written:

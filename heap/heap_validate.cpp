@@ -1,4 +1,5 @@
-// Block validation, the corruption report and the failure ring.
+// Block validation reports (the tests themselves are in priv_heap.h), and
+// the failure ring.
 #include <atomic>
 #include <syslog.h>
 
@@ -15,14 +16,6 @@ namespace corvex::heap {
 
 namespace {
 
-// Which neighbours a failed test names in the report.
-enum Neighbours : unsigned { kNone = 0, kPrevious = 1, kNext = 2 };
-
-struct Failure {
-    const char* error = nullptr;
-    unsigned neighbours = kNone;
-};
-
 bool all_guard_bytes(const u_int8_t* guard) {
     for (int i = 0; i < HEAP_TRAILER_GUARD_BYTES; ++i) {
         if (guard[i] != HEAP_TRAILER_FILL) {
@@ -30,51 +23,6 @@ bool all_guard_bytes(const u_int8_t* guard) {
         }
     }
     return true;
-}
-
-// Tests 2 to 12, in their fixed order. The heap is valid here. A header is
-// read only where one fits inside the range.
-Failure first_failure(heap_t* heap, heap_block_t* block, heap_block_t* next, bool next_readable) {
-    if (!block_is_live(block)) {
-        return {"Invalid header magic number", kNone};
-    }
-    if (!header_word_marked(block)) {
-        return {"Invalid header block magic number", kNone};
-    }
-    heap_block_t* prev = block->prev;
-    if (prev != nullptr && !header_in_heap(heap, prev)) {
-        return {"Possible block overrun - bad prev block pointer", kNone};
-    }
-    if (prev != nullptr && !block_is_live(prev)) {
-        return {"Possible block overrun - bad prev header magic number", kPrevious};
-    }
-    if (next != nullptr && (!next_readable || !block_is_live(next))) {
-        return {"Possible block overrun - bad next header magic number",
-                static_cast<unsigned>(kPrevious | (next_readable ? kNext : kNone))};
-    }
-    constexpr unsigned kBoth = kPrevious | kNext;
-    if (block->header.allocated) {
-        if (block->header.refcount == 0) {
-            return {"Zero refcount in header for allocated block", kBoth};
-        }
-        if (block->x.alloc.heap != heap) {
-            return {"Invalid heap pointer in header", kBoth};
-        }
-        if (block->header.debug && !trailer_intact_in(heap, block)) {
-            return {"Block overrun - TRAILER overwritten", kBoth};
-        }
-        return {};
-    }
-    if (block->header.refcount != 0) {
-        return {"Non-zero refcount in header for free block", kBoth};
-    }
-    if (block->x.free.links.prev != nullptr && !addr_in_heap(heap, block->x.free.links.prev)) {
-        return {"Invalid fprev pointer", kBoth};
-    }
-    if (block->x.free.links.next != nullptr && !addr_in_heap(heap, block->x.free.links.next)) {
-        return {"Invalid fnext pointer", kBoth};
-    }
-    return {};
 }
 
 void report(heap_t* heap, heap_block_t* block, const char* error, heap_block_t* prev, heap_block_t* next) {
@@ -110,7 +58,7 @@ void heap_bad_heap_panic(heap_t* heap) {
     panic("Heap corruption at 0x%p\n", static_cast<void*>(heap));
 }
 
-status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean noisy, boolean active) {
+status_t heap_block_validate_failed(heap_t* heap, heap_block_t* block, boolean noisy, boolean active) {
     if (!heap_valid(heap)) {
         if (active) {
             heap_bad_heap_panic(heap);
@@ -120,15 +68,14 @@ status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean noisy, b
         }
         return 1000;
     }
-    heap_block_t* next = next_block_addr(heap, block);
-    bool next_readable = next != nullptr && header_in_heap(heap, next);
-    Failure failure = first_failure(heap, block, next, next_readable);
+    const BlockFailure failure = block_first_failure(heap, block);
     if (failure.error == nullptr) {
         return 0;
     }
     if (noisy || active) {
-        heap_block_t* prev = (failure.neighbours & kPrevious) ? block->prev : nullptr;
-        report(heap, block, failure.error, prev, (failure.neighbours & kNext) ? next : nullptr);
+        heap_block_t* prev = (failure.neighbours & kNamesPrevious) ? block->prev : nullptr;
+        heap_block_t* next = (failure.neighbours & kNamesNext) ? next_block_addr(heap, block) : nullptr;
+        report(heap, block, failure.error, prev, next);
     }
     if (active) {
         panic("Memory corruption in block %p\n", static_cast<void*>(block));

@@ -53,6 +53,11 @@ inline heap_block_t* block_of_link(list_item_t* link) {
     return link ? reinterpret_cast<heap_block_t*>(reinterpret_cast<u_int8_t*>(link) - kFreelistLinkOffset) : nullptr;
 }
 
+// The list in slot `id` when the slot is in use, else null.
+inline heap_freelist_t* active_freelist(heap_t* heap, heap_freelist_id_t id) {
+    return id < HEAP_FREELIST_MAX && heap->freelist_table[id].active ? &heap->freelist_table[id] : nullptr;
+}
+
 inline bool heap_valid(const heap_t* heap) { return heap != nullptr && heap->magic == HEAP_MAGIC; }
 
 inline uintptr_t heap_end(const heap_t* heap) { return heap->base + heap->size; }
@@ -65,9 +70,9 @@ inline bool addr_in_heap(const heap_t* heap, const void* addr) {
 
 // A header can be read at addr: aligned and wholly inside the range.
 inline bool header_in_heap(const heap_t* heap, const void* addr) {
-    uintptr_t a = reinterpret_cast<uintptr_t>(addr);
-    return a % alignof(heap_block_t) == 0 && a >= heap->base && a - heap->base <= heap->size &&
-           heap->size - (a - heap->base) >= kHeaderSize;
+    // Below base the offset wraps to a huge value; base itself is aligned.
+    const uintptr_t offset = reinterpret_cast<uintptr_t>(addr) - heap->base;
+    return offset % alignof(heap_block_t) == 0 && heap->size >= kHeaderSize && offset <= heap->size - kHeaderSize;
 }
 
 // The block's data area ends inside the range (its header already does).
@@ -120,18 +125,135 @@ inline u_int8_t* trailer_of(heap_block_t* block) { return data_of(block) + block
 // Every guard byte of the trailer is intact (false when it lies outside).
 bool trailer_intact_in(heap_t* heap, heap_block_t* block);
 
+// Number of sized lists: the index is ordered by ascending size and ends
+// with the default list (size 0).
+inline size_t sized_count(const heap_t* heap) {
+    size_t lists = heap->freelist.item_count;
+    return lists > 0 && heap->freelist_size[lists - 1].size == 0 ? lists - 1 : lists;
+}
+
+// First index entry whose size is at least `size` (`sized` when none is).
+inline size_t first_at_least(const heap_t* heap, size_t sized, size_t size) {
+    size_t low = 0, high = sized;
+    while (low < high) {
+        size_t mid = (low + high) / 2;
+        if (heap->freelist_size[mid].size < size) {
+            low = mid + 1;
+        } else {
+            high = mid;
+        }
+    }
+    return low;
+}
+
+// The bits of the sized lists that hold blocks (heap_freelist_bits.cpp):
+// attach once the heap is registered, rebuild when the index changes, note
+// a list that became empty or non-empty, and find the first entry from
+// `from` on whose list holds a block (`sized` when none does).
+void freelist_bits_attach(heap_t* heap);
+void freelist_bits_rebuild(heap_t* heap);
+void freelist_bits_note(heap_t* heap, heap_freelist_t* list);
+size_t freelist_bits_first(heap_t* heap, size_t from, size_t sized);
+
 // Internal operations (one definition each, shared between the modules).
-void heap_block_create(heap_t* heap, heap_block_t* block, heap_block_t* prev, void* callers_pc);
-void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block);
-heap_block_t* heap_freelist_dequeue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block);
 void* heap_block_get(heap_t* heap, size_t size, void* callers_pc);
 void heap_block_return(heap_t* heap, void* raw_block);
-status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean noisy, boolean active);
+
+// Why a block fails validation: the error string of the first test that
+// fails (null when all pass) and the neighbours the report names.
+enum : unsigned { kNamesNone = 0, kNamesPrevious = 1, kNamesNext = 2, kNamesBoth = 3 };
+struct BlockFailure {
+    const char* error;
+    unsigned neighbours;
+};
+
+// Tests 2 to 12, in their fixed order, on a block of a valid heap. A header
+// is read only where one fits inside the range. Inline, so that the release
+// path pays only for the tests.
+inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block) {
+    if (!block_is_live(block)) {
+        return {"Invalid header magic number", kNamesNone};
+    }
+    if (!header_word_marked(block)) {
+        return {"Invalid header block magic number", kNamesNone};
+    }
+    heap_block_t* prev = block->prev;
+    if (prev != nullptr && !header_in_heap(heap, prev)) {
+        return {"Possible block overrun - bad prev block pointer", kNamesNone};
+    }
+    if (prev != nullptr && !block_is_live(prev)) {
+        return {"Possible block overrun - bad prev header magic number", kNamesPrevious};
+    }
+    heap_block_t* next = next_block_addr(heap, block);
+    if (next != nullptr) {
+        const bool next_readable = header_in_heap(heap, next);
+        if (!next_readable || !block_is_live(next)) {
+            return {"Possible block overrun - bad next header magic number",
+                    next_readable ? kNamesBoth : kNamesPrevious};
+        }
+    }
+    if (block->header.allocated) {
+        if (block->header.refcount == 0) {
+            return {"Zero refcount in header for allocated block", kNamesBoth};
+        }
+        if (block->x.alloc.heap != heap) {
+            return {"Invalid heap pointer in header", kNamesBoth};
+        }
+        if (block->header.debug && !trailer_intact_in(heap, block)) {
+            return {"Block overrun - TRAILER overwritten", kNamesBoth};
+        }
+        return {nullptr, kNamesNone};
+    }
+    if (block->header.refcount != 0) {
+        return {"Non-zero refcount in header for free block", kNamesBoth};
+    }
+    if (block->x.free.links.prev != nullptr && !addr_in_heap(heap, block->x.free.links.prev)) {
+        return {"Invalid fprev pointer", kNamesBoth};
+    }
+    if (block->x.free.links.next != nullptr && !addr_in_heap(heap, block->x.free.links.next)) {
+        return {"Invalid fnext pointer", kNamesBoth};
+    }
+    return {nullptr, kNamesNone};
+}
+
+// A block that failed (or a bad heap): the report when noisy or active,
+// then 1000, or the panic when active.
+status_t heap_block_validate_failed(heap_t* heap, heap_block_t* block, boolean noisy, boolean active);
+
+// 0 when the block passes every test; otherwise as heap_block_validate_failed.
+inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean noisy, boolean active) {
+    if (heap_valid(heap) && block_first_failure(heap, block).error == nullptr) {
+        return 0;
+    }
+    return heap_block_validate_failed(heap, block, noisy, active);
+}
 [[noreturn]] void heap_bad_heap_panic(heap_t* heap);
 // A block whose size runs past the end of its heap: report, then panic.
 [[noreturn]] void heap_block_extent_panic(heap_t* heap, heap_block_t* block);
-// The registered heap whose range holds a header at addr, or null.
+// The registered heap whose range holds a header at addr (a sound one before
+// one whose magic is broken), or null.
 heap_t* heap_registered_owner(const void* addr);
 bool heap_is_registered(const heap_t* heap);
+// heap_list exists (a heap has been created).
+bool heap_registry_exists();
+
+// The name displays show for a heap (its creator may have given none).
+inline const char* heap_display_name(const heap_t* heap) { return heap->name != nullptr ? heap->name : "<none>"; }
+
+// The accounting reports of `show heap ID accounting ...`, by selector (20 to 23).
+void heap_accounting_show(heap_t* heap, u_int32_t selector);
+
+// Per-PC counting of allocations and releases for the rates report. The
+// number of heaps being counted is read under the heap lock by the
+// allocation and release paths: while it is 0 they pay one load and one
+// branch.
+extern u_int32_t heap_rates_counted;
+void heap_rates_count(heap_t* heap, heap_block_t* block, bool allocated);
+// Counts block's allocation (allocated) or release, the heap lock held.
+inline void heap_rates_note(heap_t* heap, heap_block_t* block, bool allocated) {
+    if (heap_rates_counted != 0) [[unlikely]] {
+        heap_rates_count(heap, block, allocated);
+    }
+}
 
 }  // namespace corvex::heap

@@ -10,19 +10,18 @@
 #include "heap.h"
 #include "llist.h"
 #include "priv_assert.h"
+#include "priv_list_links.h"
 
 namespace {
 
 constexpr const char kSource[] = "llist/llist";
 constexpr const char kMagicExpr[] = "list->magic == 0x48746162 || list->magic == (0x53744c6c)";
 
-bool magic_valid(const list_t* list) {
-    return list != nullptr && (list->magic == LIST_MAGIC || list->magic == LIST_STATIC_MAGIC);
-}
+using corvex::list_magic_valid;
 
 // Reports a bad head on behalf of `operation`; true when the list may be used.
 bool list_check(const list_t* list, const char* operation) {
-    if (magic_valid(list)) {
+    if (list_magic_valid(list)) {
         return true;
     }
     syslog(LOG_EMERG, "%s, list has bad magic (%#x)\n", operation, list ? list->magic : 0u);
@@ -87,32 +86,14 @@ void list_append(list_t* list, list_item_t* item) {
     if (!list_check(list, "list_append")) {
         return;
     }
-    item->next = nullptr;
-    if (list->head == nullptr) {
-        item->prev = nullptr;
-        list->head = item;
-    } else {
-        item->prev = list->tail;
-        list->tail->next = item;
-    }
-    list->tail = item;
-    list->item_count++;
+    corvex::list_links_append(list, item);
 }
 
 void list_prepend(list_t* list, list_item_t* item) {
     if (!list_check(list, "list_prepend")) {
         return;
     }
-    item->prev = nullptr;
-    if (list->head == nullptr) {
-        item->next = nullptr;
-        list->tail = item;
-    } else {
-        item->next = list->head;
-        list->head->prev = item;
-    }
-    list->head = item;
-    list->item_count++;
+    corvex::list_links_prepend(list, item);
 }
 
 void list_insert_before(list_t* list, list_item_t* next, list_item_t* item) {
@@ -163,7 +144,7 @@ void* list_get_head(list_t* list) {
 }
 
 void* list_get_tail(list_t* list) {
-    CORVEX_ASSERT(magic_valid(list), kMagicExpr, kSource);
+    CORVEX_ASSERT(list_magic_valid(list), kMagicExpr, kSource);
     return item_of(list, list->tail);
 }
 
@@ -210,19 +191,8 @@ void list_add_sorted(list_t* list, void* new_item, list_sort_fcn_t sort_fcn) {
 
 // The removed item's own links are left as they were.
 void* list_yank_head(list_t* list) {
-    CORVEX_ASSERT(magic_valid(list), kMagicExpr, kSource);
-    list_item_t* old_head = list->head;
-    if (old_head == nullptr) {
-        return nullptr;
-    }
-    list->head = old_head->next;
-    if (list->head == nullptr) {
-        list->tail = nullptr;
-    } else {
-        list->head->prev = nullptr;
-    }
-    list->item_count--;
-    return item_of(list, old_head);
+    CORVEX_ASSERT(list_magic_valid(list), kMagicExpr, kSource);
+    return item_of(list, corvex::list_links_yank_head(list));
 }
 
 // The removed item's own links are left as they were.
@@ -241,35 +211,11 @@ void* list_yank_tail(list_t* list) {
     return item_of(list, old_tail);
 }
 
-// Unlinks whatever the item's links and the head and tail say; an unlisted
-// item (both links null, neither head nor tail) changes nothing. The item's
-// links are always cleared.
 void list_yank(list_t* list, list_item_t* item) {
     if (!list_check(list, "list_yank") || item == nullptr) {
         return;
     }
-    bool removed = false;
-    if (list->head == item) {
-        list->head = item->next;
-        removed = true;
-    }
-    if (list->tail == item) {
-        list->tail = item->prev;
-        removed = true;
-    }
-    if (item->prev != nullptr) {
-        item->prev->next = item->next;
-        removed = true;
-    }
-    if (item->next != nullptr) {
-        item->next->prev = item->prev;
-        removed = true;
-    }
-    item->next = nullptr;
-    item->prev = nullptr;
-    if (removed) {
-        list->item_count--;
-    }
+    corvex::list_links_yank(list, item);
 }
 
 }  // extern "C"

@@ -49,28 +49,38 @@ void packet_reset_for_handout(packet_t* packet) {
     refcount_store(packet->refcount, 1);
 }
 
+}  // namespace
+
+packet_t* packet_take_locked(sheaf_t* sheaf, packet_length_t length, bool sized) {
+    stat_add_locked(packet_stats.get_requests);
+    packet_t* packet = sheaf != nullptr ? sheaf_take(sheaf, length) : nullptr;
+    if (packet != nullptr && sized && length > sheaf->size && sheaf_makes_buffers(sheaf) &&
+        !buffer_fits(packet, length)) {
+        sheaf_give(sheaf, packet);
+        packet = sheaf_take_once(sheaf, length, false);
+    }
+    if (!packet_is_valid_inline(packet)) {
+        stat_add_locked(packet_stats.get_failures);
+        return nullptr;
+    }
+    stat_add_locked(packet_stats.get_successes);
+    return packet;
+}
+
+namespace {
+
 // The take, checks and reset common to both get operations. `sized` is set
 // for packet_get: the buffer is then described for exactly `length`.
 packet_t* packet_get_inline(sheaf_t* sheaf, packet_length_t length, bool sized, void* pc) {
-    stat_add(packet_stats.get_requests);
-    packet_t* packet = nullptr;
-    if (sheaf != nullptr) {
+    packet_t* packet;
+    {
         // Only the pool is shared: the lock covers the take, nothing more.
         GlbLockGuard lock(kPacketGlbLock, kPacketSource, __LINE__);
-        packet = sheaf_malloc(sheaf, length);
-        if (packet != nullptr && sized && length > sheaf->size && sheaf_makes_buffers(sheaf) &&
-            !buffer_fits(packet, length)) {
-            sheaf_free_inline(sheaf, packet);
-            packet = sheaf_alloc_inline(sheaf, length, FALSE);
-        }
+        packet = packet_take_locked(sheaf, length, sized);
     }
-    if (!packet_is_valid_inline(packet)) {
-        stat_add(packet_stats.get_failures);
-        return nullptr;
-    }
+    if (packet == nullptr) return nullptr;
     // The caller owns the packet alone from here on.
     packet_reset_for_handout(packet);
-    stat_add(packet_stats.get_successes);
     if (sized && packet->buffer != nullptr && sheaf_makes_buffers(packet->sheaf)) {
         packet->buffer->maximum = static_cast<packet_length_t>(buffer_maximum_for(length));
         buffer_guard_write(packet->buffer);
@@ -84,6 +94,10 @@ packet_t* packet_get_inline(sheaf_t* sheaf, packet_length_t length, bool sized, 
     syslog(LOG_ERR, "packet_return(): 0x%x (sheaf %s) %s %d\n",
            static_cast<unsigned>(reinterpret_cast<uintptr_t>(packet)), name, what, count);
     __assert_fail("0", kPacketSource, __LINE__, "packet_return");
+}
+
+void give_back_to_sheaf(packet_t* packet) {
+    if (packet->sheaf != nullptr) sheaf_give(packet->sheaf, packet);
 }
 
 // Joins the clone's neighbours and drops its share of the buffer.
@@ -103,12 +117,12 @@ void packet_return_clone(packet_t* clone) {
     packet_clone_remove(original, clone);
     clone->buffer = nullptr;
     refcount_store(clone->refcount, 0);
-    sheaf_free_inline(clone->sheaf, clone);
-    stat_add(packet_stats.returns);
-    stat_add(packet_stats.clone_returns);
+    give_back_to_sheaf(clone);
+    stat_add_locked(packet_stats.returns);
+    stat_add_locked(packet_stats.clone_returns);
     if (original != nullptr && refcount_load(original->refcount) == 0 && refcount_load(buffer->refcount) == 0) {
-        stat_add(packet_stats.returns);
-        sheaf_free_inline(original->sheaf, original);
+        stat_add_locked(packet_stats.returns);
+        give_back_to_sheaf(original);
     }
 }
 
@@ -126,11 +140,6 @@ packet_t* packet_get_at(packet_length_t length, void* pc) {
     return packet_get_inline(chosen, length, true, pc);
 }
 
-packet_t* packet_get_from_sheaf_at(sheaf_t* sheaf, void* pc) {
-    const auto size = static_cast<packet_length_t>(sheaf != nullptr ? sheaf->size : 0);
-    return packet_get_inline(sheaf, size, false, pc);
-}
-
 void packet_return_at(packet_t* packet, void* pc) {
     if (!packet_is_valid_inline(packet)) {
         stat_record_pc(packet_stats.caller_pc_error_invalid, pc);
@@ -138,7 +147,7 @@ void packet_return_at(packet_t* packet, void* pc) {
     }
     packet_buffer_t* buffer = packet->buffer;
     if (buffer != nullptr && sheaf_makes_buffers(packet->sheaf) &&
-        (buffer->maximum == 0 || buffer->maximum > buffer_capacity(buffer) ||
+        (buffer->maximum == 0 || !buffer_describes_block(packet->sheaf, buffer) ||
          buffer_guard_read(buffer) != PACKET_BUFFER_GUARD)) {
         stat_record_pc(packet_stats.caller_pc_error_invalid, pc);
         panic("packet_return: packet corruption (addr = 0x%p)\n", static_cast<void*>(packet));
@@ -150,7 +159,7 @@ void packet_return_at(packet_t* packet, void* pc) {
         GlbLockGuard lock(kPacketGlbLock, kPacketSource, __LINE__);
         if (buffer == nullptr) {
             stat_record_pc(packet_stats.caller_pc_error_null_buffer, pc);
-            stat_add(packet_stats.error_null_buffer);
+            stat_add_locked(packet_stats.error_null_buffer);
             return;
         }
         const packet_refcount_t holders = refcount_load(packet->refcount);
@@ -168,14 +177,14 @@ void packet_return_at(packet_t* packet, void* pc) {
                 const packet_refcount_t users = refcount_load(buffer->refcount);
                 if (users == 1) {
                     refcount_store(buffer->refcount, 0);
-                    stat_add(packet_stats.returns);
-                    sheaf_free_inline(packet->sheaf, packet);
+                    stat_add_locked(packet_stats.returns);
+                    give_back_to_sheaf(packet);
                 } else if (users > 1) {
                     // Clones still read the frame: the header waits for the last of them.
                     refcount_add(buffer->refcount, -1);
                 } else {
                     stat_record_pc(packet_stats.caller_pc_error_buffer_refcount, pc);
-                    stat_add(packet_stats.error_buffer_refcount);
+                    stat_add_locked(packet_stats.error_buffer_refcount);
                     failure = "has a buffer refcount of";
                     failure_count = users;
                 }
@@ -184,7 +193,7 @@ void packet_return_at(packet_t* packet, void* pc) {
             refcount_add(packet->refcount, -1);
         } else {
             stat_record_pc(packet_stats.caller_pc_error_header_refcount, pc);
-            stat_add(packet_stats.error_header_refcount);
+            stat_add_locked(packet_stats.error_header_refcount);
             failure = "has a packet refcount of";
             failure_count = holders;
         }
@@ -229,6 +238,7 @@ packet_t* packet_alloc(sheaf_t* sheaf, packet_length_t length) {
 }
 
 boolean packet_free(sheaf_t* /*sheaf*/, packet_t* packet) {
+    packet_registry_remove(packet);
     if (packet->buffer != nullptr) heap_free(packet_buffer_heap, packet->buffer);
     free(packet);
     return TRUE;
@@ -237,7 +247,7 @@ boolean packet_free(sheaf_t* /*sheaf*/, packet_t* packet) {
 packet_t* packet_get(packet_length_t length) { return packet_get_at(length, __builtin_return_address(0)); }
 
 packet_t* packet_get_from_sheaf(sheaf_t* sheaf) {
-    return packet_get_from_sheaf_at(sheaf, __builtin_return_address(0));
+    return packet_get_inline(sheaf, sheaf_size_of(sheaf), false, __builtin_return_address(0));
 }
 
 void packet_return(packet_t* packet) { packet_return_at(packet, __builtin_return_address(0)); }

@@ -60,20 +60,21 @@ using namespace corvex::packet;
 extern "C" {
 
 packet_t* packet_clone(packet_t* packet) {
-    stat_add(packet_stats.clone_requests);
-    // A header-only packet has no original to share a buffer with.
-    if (!packet_is_valid_inline(packet) || packet->buffer == nullptr) {
-        stat_add(packet_stats.clone_failures);
-        return nullptr;
-    }
-    // The chain is linked under the lock too: holders of different members
-    // of one chain may clone and return on different threads.
+    // One lock round trip covers the counters, the take and the chain: holders
+    // of different members of one chain may clone and return on different
+    // threads.
     GlbLockGuard lock(kPacketGlbLock, kPacketSource, __LINE__);
-    packet_t* clone = packet_get_from_sheaf_at(packet_clone_sheaf, nullptr);
+    stat_add_locked(packet_stats.clone_requests);
+    // A header-only packet has no original to share a buffer with.
+    packet_t* clone = nullptr;
+    if (packet_is_valid_inline(packet) && packet->buffer != nullptr) {
+        clone = packet_take_locked(packet_clone_sheaf, sheaf_size_of(packet_clone_sheaf), false);
+    }
     if (clone == nullptr) {
-        stat_add(packet_stats.clone_failures);
+        stat_add_locked(packet_stats.clone_failures);
         return nullptr;
     }
+    // The whole header is copied over the clone's, so it is not reset first.
     sheaf_t* own_sheaf = clone->sheaf;
     *clone = *packet;
     clone->sheaf = own_sheaf;
@@ -84,7 +85,7 @@ packet_t* packet_clone(packet_t* packet) {
     clone->links.next = nullptr;
     refcount_store(clone->refcount, 1);
     packet_clone_add(packet_original(packet), clone);
-    stat_add(packet_stats.clone_successes);
+    stat_add_locked(packet_stats.clone_successes);
     return clone;
 }
 

@@ -19,9 +19,18 @@ inline constexpr const char* kSheafSource = "packet/sheaf";
 
 inline const GlbLock kPacketGlbLock{packet_glb_lock, packet_glb_lock_filname, packet_glb_lock_line};
 
-// Counters are shared by every thread; the displays read them without the lock.
+// Counters are shared by every thread; the displays read them without the
+// lock. A counter that is also changed outside the lock (copy, coalesce)
+// takes an atomic add.
 inline void stat_add(packet_counter_t& counter) {
     std::atomic_ref<packet_counter_t>(counter).fetch_add(1, std::memory_order_relaxed);
+}
+// A counter whose every change is made under packet_glb_lock (get, return,
+// clone, errors): the lock already orders the changes, so a plain add
+// stored whole is enough.
+inline void stat_add_locked(packet_counter_t& counter) {
+    std::atomic_ref<packet_counter_t> shared(counter);
+    shared.store(shared.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 inline packet_counter_t stat_read(packet_counter_t& counter) {
     return std::atomic_ref<packet_counter_t>(counter).load(std::memory_order_relaxed);
@@ -88,6 +97,14 @@ inline u_int32_t buffer_capacity(packet_buffer_t* buffer) {
     return block > overhead ? block - overhead : 0;
 }
 
+// `maximum` lies inside the buffer's heap block, so the guard word may be
+// read. Every buffer of a sized sheaf is made for at least the sheaf's size:
+// within that, no look at the heap block is needed.
+inline bool buffer_describes_block(const sheaf_t* sheaf, packet_buffer_t* buffer) {
+    if (sheaf->size != 0 && buffer->maximum <= buffer_maximum_for(static_cast<u_int32_t>(sheaf->size))) return true;
+    return buffer->maximum <= buffer_capacity(buffer);
+}
+
 // Packets of such a sheaf carry buffers of packet_buffer_heap with a guard word.
 inline bool sheaf_makes_buffers(const sheaf_t* sheaf) {
     return sheaf != nullptr && sheaf->vector != nullptr && sheaf->vector->alloc == packet_alloc;
@@ -102,10 +119,81 @@ inline packet_t* packet_original(const packet_t* packet) {
     return packet->buffer != nullptr ? packet->buffer->packet : nullptr;
 }
 
+// A sheaf's take and give-back, inline for the hand-out and return paths
+// (the exported sheaf_* operations are these). The caller holds
+// packet_glb_lock.
+inline void sheaf_push(sheaf_t* sheaf, packet_t* packet) {
+    packet->sheaf_next = sheaf->packets;
+    sheaf->packets = packet;
+    ++sheaf->free;
+}
+
+inline packet_t* sheaf_pop(sheaf_t* sheaf) {
+    packet_t* packet = sheaf->packets;
+    if (packet != nullptr) {
+        sheaf->packets = packet->sheaf_next;
+        packet->sheaf_next = nullptr;
+        --sheaf->free;
+    }
+    return packet;
+}
+
+// The frame length a take from this sheaf asks for when none is given.
+inline packet_length_t sheaf_size_of(const sheaf_t* sheaf) {
+    return static_cast<packet_length_t>(sheaf != nullptr ? sheaf->size : 0);
+}
+
+// The live headers that sheaves made (packet_registry.cpp): added when a
+// vector makes a header, removed before one is destroyed. Each takes
+// packet_glb_lock (the caller may hold it already).
+void packet_registry_add(packet_t* packet);
+void packet_registry_remove(packet_t* packet);
+bool packet_registry_holds(const void* address);
+
+// One take: the head of the free list when `dequeue` allows, else a fresh
+// packet from the vector.
+inline packet_t* sheaf_take_once(sheaf_t* sheaf, sheaf_size_t size, bool dequeue) {
+    if (dequeue && sheaf->packets != nullptr) return sheaf_pop(sheaf);
+    ++sheaf->nalloc;
+    packet_t* packet = sheaf->vector->alloc(sheaf, size);
+    if (packet == nullptr) {
+        ++sheaf->nempty;
+        return nullptr;
+    }
+    if (++sheaf->total > sheaf->high_thresh) sheaf->high_thresh = sheaf->total;
+    packet_registry_add(packet);
+    return packet;
+}
+
+// One give-back: to the free list, or to the vector when the list is full.
+inline void sheaf_give(sheaf_t* sheaf, packet_t* packet) {
+    if (sheaf->free < sheaf->max) {
+        sheaf_push(sheaf, packet);
+        return;
+    }
+    ++sheaf->nfree;
+    packet_registry_remove(packet);
+    if (sheaf->vector->free(sheaf, packet)) --sheaf->total;
+}
+
+// A take that first refills the reserve to min + 1 resting packets, bounded
+// by what the free list may hold should `max` have been lowered to the
+// reserve or below.
+inline packet_t* sheaf_take(sheaf_t* sheaf, sheaf_size_t size) {
+    while (sheaf->min != 0 && sheaf->free <= sheaf->min && sheaf->free < sheaf->max) {
+        packet_t* packet = sheaf_take_once(sheaf, size, false);
+        if (packet == nullptr) break;
+        sheaf_give(sheaf, packet);
+    }
+    return sheaf_take_once(sheaf, size, true);
+}
+
 // Internal forms of the public entries: `pc` is the code address of the
 // public caller, recorded in the header and in the error counters.
 packet_t* packet_get_at(packet_length_t length, void* pc);
-packet_t* packet_get_from_sheaf_at(sheaf_t* sheaf, void* pc);
+// The take of both get operations for a caller that holds packet_glb_lock:
+// the pool, the checks and the get_ counters; the header is not reset.
+packet_t* packet_take_locked(sheaf_t* sheaf, packet_length_t length, bool sized);
 void packet_return_at(packet_t* packet, void* pc);
 
 }  // namespace corvex::packet

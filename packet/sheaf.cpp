@@ -78,58 +78,23 @@ boolean sheaf_destroy(sheaf_t* sheaf) {
     return TRUE;
 }
 
-packet_t* sheaf_malloc(sheaf_t* sheaf, sheaf_size_t size) {
-    if (sheaf == nullptr) return nullptr;
-    // Refill to min + 1 resting packets, bounded by what the free list may
-    // hold should `max` have been lowered to the reserve or below.
-    while (sheaf->min != 0 && sheaf->free <= sheaf->min && sheaf->free < sheaf->max) {
-        packet_t* packet = sheaf_alloc_inline(sheaf, size, FALSE);
-        if (packet == nullptr) break;
-        sheaf_free_inline(sheaf, packet);
-    }
-    return sheaf_alloc_inline(sheaf, size, TRUE);
-}
+packet_t* sheaf_malloc(sheaf_t* sheaf, sheaf_size_t size) { return sheaf != nullptr ? sheaf_take(sheaf, size) : nullptr; }
 
 void sheaf_free(sheaf_t* sheaf, packet_t* packet) { sheaf_free_inline(sheaf, packet); }
 
 packet_t* sheaf_alloc_inline(sheaf_t* sheaf, sheaf_size_t size, boolean dequeue) {
-    if (sheaf == nullptr) return nullptr;
-    if (dequeue && sheaf->packets != nullptr) return sheaf_packet_dequeue(sheaf);
-    ++sheaf->nalloc;
-    packet_t* packet = sheaf->vector->alloc(sheaf, size);
-    if (packet == nullptr) {
-        ++sheaf->nempty;
-        return nullptr;
-    }
-    if (++sheaf->total > sheaf->high_thresh) sheaf->high_thresh = sheaf->total;
-    return packet;
+    return sheaf != nullptr ? sheaf_take_once(sheaf, size, dequeue) : nullptr;
 }
 
 void sheaf_free_inline(sheaf_t* sheaf, packet_t* packet) {
-    if (sheaf == nullptr || packet == nullptr) return;
-    if (sheaf->free < sheaf->max) {
-        sheaf_packet_enqueue(sheaf, packet);
-        return;
-    }
-    ++sheaf->nfree;
-    if (sheaf->vector->free(sheaf, packet)) --sheaf->total;
+    if (sheaf != nullptr && packet != nullptr) sheaf_give(sheaf, packet);
 }
 
 void sheaf_packet_enqueue(sheaf_t* sheaf, packet_t* packet) {
-    if (sheaf == nullptr || packet == nullptr) return;
-    packet->sheaf_next = sheaf->packets;
-    sheaf->packets = packet;
-    ++sheaf->free;
+    if (sheaf != nullptr && packet != nullptr) sheaf_push(sheaf, packet);
 }
 
-packet_t* sheaf_packet_dequeue(sheaf_t* sheaf) {
-    if (sheaf == nullptr || sheaf->packets == nullptr) return nullptr;
-    packet_t* packet = sheaf->packets;
-    sheaf->packets = packet->sheaf_next;
-    packet->sheaf_next = nullptr;
-    --sheaf->free;
-    return packet;
-}
+packet_t* sheaf_packet_dequeue(sheaf_t* sheaf) { return sheaf != nullptr ? sheaf_pop(sheaf) : nullptr; }
 
 void sheaf_walk(sheaf_t* sheaf, sheaf_walker_t walker) {
     if (sheaf == nullptr || walker == nullptr) return;

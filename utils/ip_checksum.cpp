@@ -1,61 +1,63 @@
 // The Internet checksum (RFC 1071) over 16-bit words in the processor's
-// order. The words are summed eight bytes per step: a 64-bit load holds four
-// words, and masking every other one leaves two 32-bit lanes per
-// accumulator, each with room for 65537 words before it could carry into
-// its neighbour. The exact total is then reduced as a 32-bit sum, so even
-// beyond 128 KiB, where that sum wraps, the result equals summing word by
-// word into 32 bits and folding once at the end.
+// order. The words are added into a 32-bit sum that wraps as a plain
+// accumulator would and is folded once at the end; since only that sum
+// modulo 2^32 matters, the words can be added in any grouping, in lanes
+// that wrap independently: sixteen bytes a step in four 32-bit lanes, each
+// lane adding the low and the high word of its 32 bits.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 
 #include "hexdump.h"
+#include "priv_simd.h"
 
 namespace {
 
-constexpr uint64_t kAlternateWords = 0x0000FFFF0000FFFFull;
-// Steps of 16 bytes per chunk: each lane gains at most 0xFFFF per step.
-constexpr size_t kStepsPerChunk = 32768;
+constexpr uint32_t kLowWord = 0xFFFF;
 
-inline uint64_t load64(const uint8_t* p) {
-    uint64_t value;
-    memcpy(&value, p, sizeof value);
-    return value;
-}
-
-inline uint64_t lanes_total(uint64_t lanes) { return (lanes & 0xFFFFFFFFu) + (lanes >> 32); }
-
-// The sum of all native 16-bit words in the first 2 * words bytes at p,
-// without loss.
-uint64_t sum_words(const uint8_t* p, size_t words) {
-    uint64_t total = 0;
-    size_t steps = words / 8;
-    while (steps > 0) {
-        const size_t chunk = steps < kStepsPerChunk ? steps : kStepsPerChunk;
-        uint64_t even_a = 0, odd_a = 0, even_b = 0, odd_b = 0;
-        for (size_t i = 0; i < chunk; ++i, p += 16) {
-            const uint64_t a = load64(p);
-            const uint64_t b = load64(p + 8);
-            even_a += a & kAlternateWords;
-            odd_a += (a >> 16) & kAlternateWords;
-            even_b += b & kAlternateWords;
-            odd_b += (b >> 16) & kAlternateWords;
-        }
-        total += lanes_total(even_a) + lanes_total(odd_a) + lanes_total(even_b) + lanes_total(odd_b);
-        steps -= chunk;
+// The sum modulo 2^32 of the native 16-bit words in `words` * 2 bytes at p.
+uint32_t sum_words_plain(const uint8_t* p, size_t words) {
+    uint32_t sum = 0;
+    for (; words >= 2; words -= 2, p += 4) {
+        uint32_t pair;
+        memcpy(&pair, p, sizeof pair);
+        sum += (pair & kLowWord) + (pair >> 16);
     }
-    for (size_t rest = words % 8; rest > 0; --rest, p += 2) {
+    if (words != 0) {
         uint16_t word;
         memcpy(&word, p, sizeof word);
-        total += word;
+        sum += word;
     }
-    return total;
+    return sum;
+}
+
+CORVEX_VECTOR_TARGET uint32_t sum_words_vector(const uint8_t* p, size_t words) {
+    using corvex::u32x4;
+    const u32x4 low = {kLowWord, kLowWord, kLowWord, kLowWord};
+    u32x4 sum_a = {0, 0, 0, 0};
+    u32x4 sum_b = {0, 0, 0, 0};
+    size_t bytes = words * 2;
+    for (; bytes >= 32; bytes -= 32, p += 32) {
+        u32x4 a, b;
+        memcpy(&a, p, sizeof a);
+        memcpy(&b, p + 16, sizeof b);
+        sum_a += (a & low) + (a >> 16);
+        sum_b += (b & low) + (b >> 16);
+    }
+    if (bytes >= 16) {
+        u32x4 a;
+        memcpy(&a, p, sizeof a);
+        sum_a += (a & low) + (a >> 16);
+        bytes -= 16;
+        p += 16;
+    }
+    sum_a += sum_b;
+    return sum_a[0] + sum_a[1] + sum_a[2] + sum_a[3] + sum_words_plain(p, bytes / 2);
 }
 
 u_int16_t checksum(const u_int8_t* pkt, u_int32_t bytes, u_int32_t initsum) {
-    // 32-bit arithmetic on purpose: the sum wraps where a 32-bit
-    // accumulator would.
-    uint32_t sum = initsum + static_cast<uint32_t>(sum_words(pkt, bytes / 2));
+    uint32_t sum = initsum;
+    sum += corvex::cpu_has_vector_unit() ? sum_words_vector(pkt, bytes / 2) : sum_words_plain(pkt, bytes / 2);
     if ((bytes & 1) != 0) {
         sum += pkt[bytes - 1];
     }

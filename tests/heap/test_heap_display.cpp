@@ -1,4 +1,5 @@
 // The block log and the block display, and the failure ring.
+#include <algorithm>
 #include <tuple>
 
 #include "cli_capture.h"
@@ -51,6 +52,22 @@ TEST(HeapBlockLog, AllocatedAndFreeBlocksLineByLine) {
     // A free block cannot name its heap: validation against no heap fails.
     EXPECT_EQ(block_log_of(nullptr, b).back(), "\nHEAP: ******** FAILED VALIDITY CHECKS **********\n\n");
     heap_free(heap, guard);
+
+    // The raw dump stops at the end of the range holding the block, also when
+    // the heap is not given or its record is broken.
+    heap_free(heap, a);
+    void* last = heap_malloc(heap, heap->size - 2 * kHdr - 24);
+    heap_block_t* tail = next_of(hdr(last));
+    ASSERT_EQ(reinterpret_cast<uintptr_t>(tail) + kHdr + 24, heap->base + heap->size);
+    const size_t words = (kHdr + 24) / 4;
+    for (heap_t* given : {heap, static_cast<heap_t*>(nullptr), heap}) {
+        auto tail_lines = block_log_of(given, tail);
+        EXPECT_EQ(std::count_if(tail_lines.begin(), tail_lines.end(),
+                                [](const std::string& l) { return has(l, "memory address = "); }),
+                  static_cast<long>(words));
+        heap->magic = 0;  // then a heap whose record is broken
+    }
+    heap->magic = HEAP_MAGIC;
 }
 
 TEST(HeapShowBlock, ExactDisplayOfEachKindOfBlock) {
