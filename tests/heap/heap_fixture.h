@@ -1,8 +1,6 @@
 // Reading heap blocks, and the corruption report as the heap writes it.
 #pragma once
 
-#include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -13,11 +11,6 @@
 #include "heap.h"
 #include "syslog_capture.h"
 #include "test_heaps.h"
-
-// A death whose log must be exactly what the child expected when it armed
-// heap_test::expect_at_abort (addresses differ from the parent's, so the
-// child itself compares, and tells the parent through stderr).
-#define EXPECT_EXACT_LOG_DEATH(statement) EXPECT_DEATH(statement, "logged exactly as expected")
 
 namespace heap_test {
 
@@ -69,46 +62,6 @@ inline std::vector<std::string> expected_report(heap_t* heap, const char* error,
         lines.insert(lines.end(), log.begin(), log.end());
     }
     return lines;
-}
-
-using corvex_test::LogRecord;
-
-inline std::vector<LogRecord> records(int priority, const std::vector<std::string>& texts) {
-    std::vector<LogRecord> out;
-    for (const auto& text : texts) out.push_back({priority, text});
-    return out;
-}
-
-// The four records of a panic with this message.
-inline std::vector<LogRecord> panic_records(const std::string& message) {
-    const std::string rule = "--------------------------------------\n";
-    return records(0, {rule, "PANIC PANIC PANIC PANIC PANIC PANIC\n", message, rule});
-}
-
-struct AbortExpectation {
-    std::vector<LogRecord> log;
-    u_int32_t failures = 0;
-    u_int32_t failures_before = 0;
-};
-inline AbortExpectation at_abort;
-
-inline void judge_at_abort(int) {
-    const auto logged = corvex_test::syslog_records();
-    const u_int32_t failures = heap_bp_failure_count - at_abort.failures_before;
-    if (logged == at_abort.log && failures == at_abort.failures) {
-        fputs("logged exactly as expected\n", stderr);
-        return;  // abort() goes on to end the process
-    }
-    fprintf(stderr, "%u failures counted (%u expected); logged:\n", failures, at_abort.failures);
-    for (const auto& r : logged) fprintf(stderr, "<%d>%s", r.priority, r.text.c_str());
-}
-
-// Inside a dying child: from here to the abort, exactly `log` is written
-// and `failures` heap failures are counted.
-inline void expect_at_abort(std::vector<LogRecord> log, u_int32_t failures) {
-    at_abort = {std::move(log), failures, heap_bp_failure_count};
-    corvex_test::syslog_clear();
-    std::signal(SIGABRT, judge_at_abort);
 }
 
 }  // namespace heap_test
