@@ -53,16 +53,6 @@ TEST(TimeOrigin, TheFirstReadingFixesItAndWallTimesFollowFromIt) {
                 "^first=0 later=249 raw=100749 after_init=500 wall=1.500000 ms=500 date=Thu Jan  1 00:00:01 1970\n\n$");
 }
 
-TEST(TimeReadings, FailedMonotonicReadIsAnAssertion) {
-    EXPECT_DEATH(
-        {
-            FakeClock clock;
-            clock.monotonic_fails = true;
-            thread_get_runtime();
-        },
-        "utils/time:253: thread_get_runtime: Assertion `res == 0' failed");
-}
-
 TEST(DurationText, WordedAndCompactFormsAndTheirTruncation) {
     constexpr u_int32_t kMs = TIME_STR_MSEC, kCompact = TIME_STR_COMPACT;
     struct Case {
