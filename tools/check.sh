@@ -2,13 +2,17 @@
 # Builds everything and runs every test, on a fresh Debian machine too:
 #   native x86-64, 32-bit (-m32), both again under AddressSanitizer +
 #   UndefinedBehaviorSanitizer, the concurrent tests under ThreadSanitizer,
-#   and the fuzz targets for a short bounded time.
+#   and the fuzz targets for a short bounded time. First of all, the tests
+#   must stay a modest share of the code (tools/test_share.sh).
 # Usage: tools/check.sh [build-root]      (default: ./build)
 set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 builds=${1:-$root/build}
 jobs=$(nproc)
+
+echo "== test share"
+bash "$root/tools/test_share.sh"
 
 # ---- what the machine needs ------------------------------------------------
 # shellcheck source=tools/packages.sh

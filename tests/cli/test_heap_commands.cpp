@@ -100,7 +100,6 @@ TEST_F(HeapCommands, SummariesOneHeapAndMissingHeaps) {
         {"show heap 7 accounting pc", "Failed to find a heap with ID 7\n"},
         {"debug heap 7", "Couldn't find heap ID 7\n"},
         {"set heap 7 debug enable", "No heap with ID 7 found\n"},
-        {"show heap 0 accounting", "% Incomplete command\n", CLI_INCOMPLETE},
     });
     EXPECT_EQ(run("show heap 1 help").rfind("\n ================ Heap Help Info ==================\n", 0), 0u);
     heap_free(tiny, whole);
@@ -120,7 +119,6 @@ TEST_F(HeapCommands, SetAndDebugChangeWhatTheyName) {
         {"undebug heap 1", "", &heap_t::debug, FALSE},
         {"set heap 1 low-memory_recovery 25 50", "Usage Error: High mem > Low mem, e.g. 50 25\n", nullptr, 0},
         {"set heap 1 low-memory_recovery 50 25", "", nullptr, 0},
-        {"set heap 1 low-memory_recovery 30 30", "", nullptr, 0},
     };
     for (const auto& step : steps) {
         EXPECT_EQ(run(step.line), step.output) << step.line;
@@ -128,7 +126,6 @@ TEST_F(HeapCommands, SetAndDebugChangeWhatTheyName) {
             EXPECT_EQ(tiny->*step.flag, step.value) << step.line;
         }
     }
-    EXPECT_EQ(run("set heap 1 low-memory_recovery 50", CLI_INCOMPLETE), "% Incomplete command\n");
 }
 
 TEST_F(HeapCommands, ListingsSanityAndBlockReports) {
@@ -157,14 +154,12 @@ TEST_F(HeapCommands, ListingsSanityAndBlockReports) {
     expect_lines({
         {"show heap 0 blocks", kListing + a_row(a) + f_row(heap, hole) + a_row(b) + f_row(heap, rest)},
         {"show heap 0 blocks 64", kListing + a_row(a) + a_row(b)},
-        {"show heap 0 blocks 104", kListing + f_row(heap, hole)},
         {"show heap 0 blocks alloc", kListing + a_row(a) + a_row(b)},
         {"sh he 0 bl al 64 pc " + pc_b, kListing + a_row(b)},
         {"show heap 0 blocks alloc pc " + fmt("%" PRIuPTR, u(heap_get_pc(a))), kListing + a_row(a)},
         {"show heap 0 blocks alloc 100 pc " + pc_b, kListing},
         {"show heap 0 blocks free", kListing + f_row(heap, hole) + f_row(heap, rest)},
         {"show heap 0 blocks free 96", kListing + f_row(heap, hole)},
-        {"show heap 0 blocks free 100000", kListing + f_row(heap, rest)},
         {"show heap 0 sanity", "Heap cli passed Heap block sanity check (        4 blocks)\n"},
         {"show heap 0 sanity active", "% \"active\" needs security level 10 (session level 0)\n", CLI_DENIED},
         {"set security 10", "Security level set to 10\n"},

@@ -1,28 +1,23 @@
 // Every allocation of sheaf creation, pool start-up, packet get, clone and
 // coalescing, and table growth failed in turn: each failure path leaves the
-// counters consistent, logs nothing and leaks nothing (LeakSanitizer checks
-// the last in the sanitizer builds and valgrind; here the pools and the heap
-// balance).
+// counters consistent, logs nothing and leaks nothing (LeakSanitizer and
+// valgrind check the last; here the pools and the buffer heap balance).
 #include <algorithm>
 #include <tuple>
 #include <vector>
 
 #include "failing_alloc.h"
 #include "itable32.h"
-#include "packet_fixture.h"
+#include "packet_pools.h"
 #include "syslog_capture.h"
 
-using namespace packet_test;
+using namespace corvex_test;
 using fault_test::sweep_failures;
 
 namespace {
 
-constexpr size_t kHeapBytes = 1 << 20;
-
-void* token(index32_t index) { return reinterpret_cast<void*>(static_cast<uintptr_t>(index) | 1); }
-
 heap_t* buffer_heap() {
-    static heap_t* heap = make_buffer_heap(kHeapBytes);
+    static heap_t* heap = make_heap(1 << 20, "packet buffers");
     return heap;
 }
 
@@ -34,11 +29,6 @@ std::vector<sheaf_t*> pools() {
     return all;
 }
 
-size_t buffer_block_bytes(const packet_t* p) {
-    return reinterpret_cast<const heap_block_t*>(reinterpret_cast<const char*>(p->buffer) - sizeof(heap_block_t))->size +
-           sizeof(heap_block_t);
-}
-
 // Nothing held outside the pools: every packet made rests in its sheaf, the
 // sheaf counters agree, and the buffer heap lacks exactly the resting buffers.
 void expect_balanced(const std::vector<sheaf_t*>& sheaves) {
@@ -46,37 +36,28 @@ void expect_balanced(const std::vector<sheaf_t*>& sheaves) {
     for (sheaf_t* s : sheaves) {
         u_int32_t resting = 0;
         for (packet_t* p = s->packets; p != nullptr; p = p->sheaf_next, ++resting)
-            if (p->buffer != nullptr) buffers += buffer_block_bytes(p);
+            if (p->buffer != nullptr) buffers += heap_block_size(p->buffer) + sizeof(heap_block_t);
         EXPECT_EQ(std::tuple(s->free, s->total, s->nalloc - s->nempty - s->nfree),
                   std::tuple(resting, resting, resting))
             << s->name;
     }
-    EXPECT_EQ(packet_stats.get_successes, packet_stats.returns);
-    EXPECT_EQ(heap_get_free_bytes(buffer_heap()) + buffers, heap_size(buffer_heap()));
+    EXPECT_EQ(std::tuple(packet_stats.get_successes, heap_get_free_bytes(buffer_heap()) + buffers),
+              std::tuple(packet_stats.returns, heap_size(buffer_heap())));
 }
 
 // Pools made from `table` for one test, destroyed with it.
 struct Pools {
     explicit Pools(const packet_sheaf_block_t* table) { packet_pool_init(nullptr, table, buffer_heap()); }
-    ~Pools() { destroy_all(); }
-    static void destroy_all() {
+    ~Pools() {
         for (sheaf_t* s : pools()) EXPECT_EQ(sheaf_destroy(s), TRUE);
         packet_common_sheaf = packet_misfit_sheaf = packet_clone_sheaf = nullptr;
     }
 };
 
-// Pools that keep nothing: every get makes a packet, every return destroys it.
-const packet_sheaf_block_t kMakeEveryTime[] = {
-    {const_cast<char*>("512"), 512, 0, 0, 0, nullptr},
-    {const_cast<char*>("clone"), 0, 0, 0, 0, nullptr},
-    {const_cast<char*>("128"), 128, 0, 0, 0, nullptr},
-    {nullptr, 0, 0, 0, 0, nullptr},
-};
-
 class FaultInjection : public ::testing::Test {
 protected:
-    void SetUp() override { corvex_test::syslog_clear(); }
-    void TearDown() override { EXPECT_TRUE(corvex_test::syslog_records().empty()) << "failures are silent"; }
+    void SetUp() override { syslog_clear(); }
+    void TearDown() override { EXPECT_TRUE(syslog_records().empty()) << "failures are silent"; }
 };
 
 }  // namespace
@@ -87,13 +68,12 @@ TEST_F(FaultInjection, PoolStartUpAndSheafCreation) {
         {const_cast<char*>("128"), 128, 0, 4, 2, nullptr},   {nullptr, 0, 0, 0, 0, nullptr},
     };
     // A failed sheaf ends the table walk; the misfit and clone pools are made all the same.
-    const int points = sweep_failures([&](int) {
-        Pools made(table);
-        auto made_pools = pools();
-        expect_balanced(made_pools);
-        for (sheaf_t* s : made_pools) EXPECT_LE(s->nempty, 1u) << s->name;
-    });
-    EXPECT_GE(points, 4 + 3 * 2 + 2 * 2 + 2);  // sheaf records, two allocations a buffered packet, clone headers
+    EXPECT_GE(sweep_failures([&](int) {
+                  Pools made(table);
+                  expect_balanced(pools());
+                  for (sheaf_t* s : pools()) EXPECT_LE(s->nempty, 1u) << s->name;
+              }),
+              4 + 3 * 2 + 2 * 2 + 2);  // sheaf records, two allocations a buffered packet, clone headers
     sheaf_vector_t vector = {packet_alloc, packet_free};
     EXPECT_EQ(sweep_failures([&](int) {
                   sheaf_t* s = sheaf_create("direct", 256, 0, 8, 3, &vector, nullptr);
@@ -102,14 +82,16 @@ TEST_F(FaultInjection, PoolStartUpAndSheafCreation) {
                   EXPECT_EQ(sheaf_destroy(s), TRUE);
               }),
               1 + 3 * 2);
-    EXPECT_EQ(heap_get_free_bytes(buffer_heap()), heap_size(buffer_heap()));
 }
 
 TEST_F(FaultInjection, GetCloneAndCoalesce) {
-    Pools made(kMakeEveryTime);
+    // Pools that keep nothing: every get makes a packet, every return destroys it.
+    const packet_sheaf_block_t keep_nothing[] = {
+        {const_cast<char*>("512"), 512, 0, 0, 0, nullptr}, {const_cast<char*>("clone"), 0, 0, 0, 0, nullptr},
+        {const_cast<char*>("128"), 128, 0, 0, 0, nullptr}, {nullptr, 0, 0, 0, 0, nullptr}};
+    Pools made(keep_nothing);
     const auto sheaves = pools();
     for (packet_length_t length : {100, 400, 3000}) {  // a sized sheaf, the larger one, the misfits
-        SCOPED_TRACE(length);
         const packet_stats_t before = packet_stats;
         EXPECT_EQ(sweep_failures([&](int) {
                       if (packet_t* p = packet_get(length)) packet_return(p);
@@ -119,12 +101,10 @@ TEST_F(FaultInjection, GetCloneAndCoalesce) {
         expect_counted(before, {.get_requests = 3, .get_successes = 1, .get_failures = 2, .returns = 1});
     }
     packet_t* original = frame_packet(60, 0x5A);
-    ASSERT_NE(original, nullptr);
     const packet_stats_t before_clones = packet_stats;
     EXPECT_EQ(sweep_failures([&](int) {
                   if (packet_t* clone = packet_clone(original)) packet_return(clone);
-                  EXPECT_EQ(original->buffer->refcount, 1);
-                  EXPECT_EQ(original->clone_next, nullptr);
+                  EXPECT_EQ(std::tuple(original->buffer->refcount, original->clone_next), std::tuple(1, nullptr));
               }),
               1);
     expect_counted(before_clones, {.get_requests = 2, .get_successes = 1, .get_failures = 1, .returns = 1,
@@ -133,7 +113,7 @@ TEST_F(FaultInjection, GetCloneAndCoalesce) {
     packet_return(original);
     const packet_stats_t before_coalescing = packet_stats;
     EXPECT_EQ(sweep_failures([&](int n) {
-                  packet_t* chain[3] = {nullptr, nullptr, nullptr};
+                  packet_t* chain[3];
                   fault_test::disarm();  // the chain is built whole; only its coalescing fails
                   for (packet_t*& member : chain) member = frame_packet(100, 0x33);
                   fault_test::fail_nth_allocation(n);
@@ -144,26 +124,26 @@ TEST_F(FaultInjection, GetCloneAndCoalesce) {
               }),
               2);
     EXPECT_EQ(packet_stats.coalesce_failures - before_coalescing.coalesce_failures, 2u);
-    expect_balanced(sheaves);
 }
 
 TEST_F(FaultInjection, TableGrowth) {
     const index32_t indices[] = {0, 70, 5000, 0x10000, 0x23456, 0xFFFF0000u};
-    const int points = sweep_failures([&](int) {
-        itable32_t* table = itable32_create();
-        if (table == nullptr) return;
-        std::vector<index32_t> stored;
-        for (index32_t index : indices) {
-            const status_t status = itable32_insert(table, token(index), &index);
-            EXPECT_TRUE(status == 0 || status == 12) << status;
-            if (status == 0) stored.push_back(index);
-        }
-        for (index32_t index : indices) {
-            const bool kept = std::find(stored.begin(), stored.end(), index) != stored.end();
-            EXPECT_EQ(itable32_lookup(table, &index), kept ? token(index) : nullptr) << index;
-        }
-        EXPECT_EQ(table->itable32_maxentry, stored.empty() ? 0u : stored.back() + 1);
-        EXPECT_EQ(itable32_destroy(table), static_cast<int>(stored.size()));
-    });
-    EXPECT_GE(points, 10);
+    auto token = [](index32_t index) { return reinterpret_cast<void*>(static_cast<uintptr_t>(index) | 1); };
+    EXPECT_GE(sweep_failures([&](int) {
+                  itable32_t* table = itable32_create();
+                  if (table == nullptr) return;
+                  std::vector<index32_t> stored;
+                  for (index32_t index : indices) {
+                      const status_t status = itable32_insert(table, token(index), &index);
+                      EXPECT_TRUE(status == 0 || status == 12) << status;
+                      if (status == 0) stored.push_back(index);
+                  }
+                  for (index32_t index : indices) {
+                      const bool kept = std::find(stored.begin(), stored.end(), index) != stored.end();
+                      EXPECT_EQ(itable32_lookup(table, &index), kept ? token(index) : nullptr) << index;
+                  }
+                  EXPECT_EQ(table->itable32_maxentry, stored.empty() ? 0u : stored.back() + 1);
+                  EXPECT_EQ(itable32_destroy(table), static_cast<int>(stored.size()));
+              }),
+              10);
 }

@@ -19,32 +19,24 @@ public:
         for (void* p : live_) free(p);
     }
 
-    static void* alloc(void* ctxt, size_t size) { return static_cast<CountingAllocator*>(ctxt)->take(size); }
-    static void release(void* ctxt, void* p) { static_cast<CountingAllocator*>(ctxt)->give_back(p); }
+    static void* alloc(void* ctxt, size_t size) {
+        auto* self = static_cast<CountingAllocator*>(ctxt);
+        if (self->budget_ == 0) return nullptr;
+        if (self->budget_ > 0) --self->budget_;
+        self->sizes_.push_back(size);
+        return *self->live_.insert(calloc(size, 1)).first;
+    }
+    static void release(void* ctxt, void* p) {
+        EXPECT_EQ(static_cast<CountingAllocator*>(ctxt)->live_.erase(p), 1u) << "not handed out by this allocator";
+        free(p);
+    }
 
     size_t live() const { return live_.size(); }  // handed out, not yet given back
-    bool holds(const void* p) const { return live_.count(const_cast<void*>(p)) != 0; }
     size_t allocations() const { return sizes_.size(); }
     const std::vector<size_t>& sizes() const { return sizes_; }  // of every block handed out, in order
     void fail_after(int n) { budget_ = n; }  // the next n allocations succeed, later ones fail; -1: never
 
 private:
-    void* take(size_t size) {
-        if (budget_ == 0) return nullptr;
-        if (budget_ > 0) --budget_;
-        void* p = calloc(size, 1);
-        live_.insert(p);
-        sizes_.push_back(size);
-        return p;
-    }
-    void give_back(void* p) {
-        if (live_.erase(p) != 1) {
-            ADD_FAILURE() << "released a block this allocator did not hand out: " << p;
-            return;
-        }
-        free(p);
-    }
-
     std::set<void*> live_;
     std::vector<size_t> sizes_;
     int budget_ = -1;

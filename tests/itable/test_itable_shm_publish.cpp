@@ -44,7 +44,8 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
             for (u_int32_t& word : e->payload) word = fill_of(index);
             e->check = ~e->id;
             itable_shm_entry_set(h, index);
-            while (seen_by_reader.load(std::memory_order_relaxed) <= n && !reader_gave_up.load(std::memory_order_relaxed))
+            while (seen_by_reader.load(std::memory_order_relaxed) <= n &&
+                   !reader_gave_up.load(std::memory_order_relaxed))
                 std::this_thread::yield();
         }
     });
@@ -66,14 +67,11 @@ TEST(ShmPublish, ReaderNeverSeesAHalfWrittenEntry) {
     }
     reader_gave_up.store(true, std::memory_order_relaxed);
     writer.join();
-    EXPECT_EQ(bad, 0);
-    EXPECT_EQ(last_count, kEntries);
-    EXPECT_EQ(itable_shm_index_alloc(h), -1);
-
-    const int len = itable_shm_get_mmap_size(h);
+    EXPECT_EQ(std::tuple(bad, last_count, itable_shm_index_alloc(h)), std::tuple(0, kEntries, -1));
+    const auto len = static_cast<size_t>(itable_shm_get_mmap_size(h));
     void* start = itable_shm_get_start_addr(h);
     itable_shm_delete(h);
-    munmap(start, static_cast<size_t>(len));
+    munmap(start, len);
     rmdir(tmpl);
 }
 

@@ -1,5 +1,6 @@
 // Drivers get, clone, chain, coalesce and return packets while the background
 // task trims the sheaves; afterwards every count balances and the heap is whole.
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -8,11 +9,11 @@
 
 #include <gtest/gtest.h>
 
-#include "packet_fixture.h"
+#include "packet_pools.h"
 #include "recording_module.h"
 #include "stress_scale.h"
 
-using namespace packet_test;
+using namespace corvex_test;
 
 namespace {
 
@@ -36,25 +37,18 @@ void bag_put(packet_t* packet) {
 }
 packet_t* bag_take() {
     std::lock_guard<std::mutex> hold(bag_mutex);
-    if (bag.empty()) return nullptr;
-    packet_t* packet = bag.back();
-    bag.pop_back();
+    packet_t* packet = bag.empty() ? nullptr : bag.back();
+    if (packet != nullptr) bag.pop_back();
     return packet;
 }
 
-std::atomic<int> failed_takes{0};
-std::atomic<int> bad_frames{0};
+std::atomic<int> failed_takes{0}, bad_frames{0};
 
 // The packet, or null after counting the failure.
-packet_t* counted(packet_t* p) {
-    if (p == nullptr) ++failed_takes;
-    return p;
-}
+packet_t* counted(packet_t* p) { return p == nullptr ? ++failed_takes, nullptr : p; }
 
 void check_frame(const packet_t* p, int length, u_int8_t fill) {
-    bool same = p->length == length;
-    for (int i = 0; same && i < length; ++i) same = p->frame_start[i] == fill;
-    if (!same) ++bad_frames;
+    if (p->length != length || std::count(p->frame_start, p->frame_start + length, fill) != length) ++bad_frames;
 }
 
 void drive(unsigned state) {
@@ -98,60 +92,47 @@ void drive(unsigned state) {
 
 size_t resting(sheaf_t* sheaf) {
     size_t n = 0;
-    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next, ++n)
-        EXPECT_EQ(std::tuple(p->refcount, p->buffer != nullptr ? p->buffer->refcount : 0), std::tuple(0, 0));
+    for (packet_t* p = sheaf->packets; p != nullptr; p = p->sheaf_next, ++n) EXPECT_EQ(p->refcount, 0);
     return n;
 }
 
 TEST(PacketStress, DriversAndTheBackgroundTaskLeaveEveryCountBalanced) {
-    heap_t* heap = make_buffer_heap(4 << 20);
+    heap_t* heap = make_heap(4 << 20, "packet buffers");
     const size_t heap_start = heap_get_free_bytes(heap);
     packet_pool_init(nullptr, kTable, heap);
     packet_task_start();
-    zrmodule_timer_func periodic = recorded_timer("Sheaf Periodic");
-    zrmodule_timer_func error_check = recorded_timer("packet error check");
-    ASSERT_NE(periodic, nullptr);
-    ASSERT_NE(error_check, nullptr);
+    zrmodule_timer_func periodic = recorded_timer("Sheaf Periodic"), error_check = recorded_timer("packet error check");
 
     std::atomic<int> running{kDrivers};
     std::vector<std::thread> drivers;
-    for (unsigned d = 1; d <= kDrivers; ++d) {
-        drivers.emplace_back([d, &running] {
-            drive(0x9e3779b9u * d);
-            --running;
-        });
-    }
-    do {
-        periodic(nullptr, 5000);
-        error_check(nullptr, 10000);
-    } while (running.load() > 0);
+    for (unsigned d = 1; d <= kDrivers; ++d) drivers.emplace_back([d, &running] { drive(0x9e3779b9u * d), --running; });
+    do periodic(nullptr, 5000), error_check(nullptr, 10000);
+    while (running.load() > 0);
     for (std::thread& t : drivers) t.join();
     while (packet_t* clone = bag_take()) packet_return(clone);
 
-    EXPECT_EQ(std::tuple(failed_takes.load(), bad_frames.load()), std::tuple(0, 0));
-    EXPECT_EQ(packet_stats.get_successes, packet_stats.returns);
-    EXPECT_EQ(packet_stats.clone_successes, packet_stats.clone_returns);
-    EXPECT_EQ(packet_stats.copy_requests, packet_stats.copy_successes);
-    EXPECT_EQ(std::tuple(packet_stats.get_failures, packet_stats.error_header_refcount,
-                         packet_stats.error_buffer_refcount, packet_stats.error_null_buffer),
-              std::tuple(0u, 0u, 0u, 0u));
+    EXPECT_EQ(std::tuple(failed_takes.load(), bad_frames.load(), packet_stats.get_failures,
+                         packet_stats.error_header_refcount, packet_stats.error_buffer_refcount,
+                         packet_stats.error_null_buffer),
+              std::tuple(0, 0, 0u, 0u, 0u, 0u));
+    EXPECT_EQ(std::tuple(packet_stats.get_successes, packet_stats.clone_successes, packet_stats.copy_requests),
+              std::tuple(packet_stats.returns, packet_stats.clone_returns, packet_stats.copy_successes));
 
     std::vector<sheaf_t*> sheaves{packet_misfit_sheaf, packet_clone_sheaf};
     for (sheaf_t* s = packet_common_sheaf; s != nullptr; s = s->next) sheaves.push_back(s);
     for (sheaf_t* sheaf : sheaves) {
         SCOPED_TRACE(sheaf->name);
-        EXPECT_EQ(sheaf->total, sheaf->nalloc - sheaf->nempty - sheaf->nfree);
-        EXPECT_EQ(std::tuple(sheaf->free, sheaf->free), std::tuple(resting(sheaf), sheaf->total)) << "all back";
-        EXPECT_LE(sheaf->free, sheaf->max);
+        EXPECT_EQ(std::tuple(sheaf->total, sheaf->free, sheaf->free, sheaf->free <= sheaf->max),
+                  std::tuple(sheaf->nalloc - sheaf->nempty - sheaf->nfree, resting(sheaf), sheaf->total, true))
+            << "all back";
         sheaf->min = sheaf->max = 0;
     }
     // With no room left in any sheaf, one tick destroys every packet.
     periodic(nullptr, 5000);
     for (sheaf_t* sheaf : sheaves) EXPECT_EQ(sheaf->total, 0u) << sheaf->name;
     EXPECT_EQ(heap_get_free_bytes(heap), heap_start);
-    heap_walk_arg_t arg{};
-    arg.noisy = TRUE;
-    EXPECT_EQ(heap_walk(heap, nullptr, &arg), 0);
+    heap_walk_arg_t noisy{TRUE, FALSE, 0, 0, 0, nullptr};
+    EXPECT_EQ(heap_walk(heap, nullptr, &noisy), 0);
 }
 
 }  // namespace

@@ -11,15 +11,18 @@ std::mutex records_mutex;
 std::vector<LogRecord> records;
 bool echo = false;
 
-void capture(int priority, const char* format, va_list args) {
+std::string formatted(const char* format, va_list args) {
     va_list again;
     va_copy(again, args);
-    int length = vsnprintf(nullptr, 0, format, args);
+    const int length = vsnprintf(nullptr, 0, format, args);
     std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0) {
-        vsnprintf(text.data(), text.size() + 1, format, again);
-    }
+    if (length > 0) vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
+    return text;
+}
+
+void capture(int priority, const char* format, va_list args) {
+    std::string text = formatted(format, args);
     std::lock_guard<std::mutex> hold(records_mutex);
     if (echo) {
         fprintf(stderr, "<%d>%s", priority, text.c_str());
@@ -38,6 +41,22 @@ void syslog_clear() {
 std::vector<LogRecord> syslog_records() {
     std::lock_guard<std::mutex> hold(records_mutex);
     return records;
+}
+
+std::vector<std::string> syslog_texts(int priority) {
+    std::vector<std::string> texts;
+    for (const LogRecord& record : syslog_records()) {
+        if (record.priority == priority) texts.push_back(record.text);
+    }
+    return texts;
+}
+
+std::string fmt(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    std::string text = formatted(format, args);
+    va_end(args);
+    return text;
 }
 
 void syslog_echo_to_stderr(bool on) {

@@ -22,9 +22,19 @@ void syslog_clear();
 // The records captured since the last clear.
 std::vector<LogRecord> syslog_records();
 
+// The texts of the records of one priority, in order.
+std::vector<std::string> syslog_texts(int priority);
+
 // Also writes each record to stderr as "<priority>text". Death tests turn
 // this on inside the dying statement, so their expectation can match the
 // records the child wrote before it stopped.
 void syslog_echo_to_stderr(bool on);
 
+// printf into a std::string, for expected log lines and terminal text.
+std::string fmt(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 }  // namespace corvex_test
+
+// A death whose log records reach the matcher as "<priority>text".
+#define EXPECT_LOGGED_DEATH(statement, regex) \
+    EXPECT_DEATH({ corvex_test::syslog_echo_to_stderr(true); statement; }, regex)

@@ -19,7 +19,6 @@ struct FakeClock {
     FakeClock& operator=(const FakeClock&) = delete;
 
     timespec monotonic{};
-    bool monotonic_fails = false;  // clock_gettime(CLOCK_MONOTONIC) fails with EINVAL
     timeval wall{};
     std::deque<int> wait_results;  // of the next timed waits, in order; then ETIMEDOUT
     std::vector<timespec> wait_deadlines;

@@ -2,7 +2,9 @@
 
 #include <map>
 
-namespace packet_test {
+#include "syslog_capture.h"
+
+namespace corvex_test {
 namespace {
 int create_result = 1;
 char module_storage;
@@ -15,8 +17,8 @@ const char* pointer_text(const void* pointer) {
 }
 
 std::string duration_text(const utime_t* time) {
-    if (time == nullptr) return "null";
-    return std::to_string(time->ut_sec) + "s+" + std::to_string(time->ut_usec) + "us";
+    return time == nullptr ? "null"
+                           : fmt("%lds+%ldus", static_cast<long>(time->ut_sec), static_cast<long>(time->ut_usec));
 }
 }  // namespace
 
@@ -32,31 +34,29 @@ zrmodule_timer_func recorded_timer(const std::string& name) {
     return found == timers.end() ? nullptr : found->second;
 }
 
-}  // namespace packet_test
+}  // namespace corvex_test
 
-using namespace packet_test;
+using namespace corvex_test;
 
 extern "C" {
 
 zrmodule* zrmodule_alloc(const char* name, int stack_kib, void* context) {
-    module_calls().push_back(std::string("alloc(") + name + ", " + std::to_string(stack_kib) + ", " +
-                             pointer_text(context) + ")");
+    module_calls().push_back(fmt("alloc(%s, %d, %s)", name, stack_kib, pointer_text(context)));
     return kModule;
 }
 
 int zrmodule_create(zrmodule* module) {
-    module_calls().push_back(std::string("create(") + pointer_text(module) + ")");
+    module_calls().push_back(fmt("create(%s)", pointer_text(module)));
     return create_result;
 }
 
-void zrmodule_quit(int code) { module_calls().push_back("quit(" + std::to_string(code) + ")"); }
+void zrmodule_quit(int code) { module_calls().push_back(fmt("quit(%d)", code)); }
 
 zrmodule_timer* zrmodule_timer_ucreate(zrmodule* module, const char* name, flag_t flags, utime_t* initial,
                                        utime_t* interval, u_int count, zrmodule_timer_func func, void_t context) {
-    module_calls().push_back(std::string("timer(") + pointer_text(module) + ", " + name + ", " + std::to_string(flags) +
-                             ", " + duration_text(initial) + ", " + duration_text(interval) + ", " +
-                             std::to_string(count) + ", " + (func != nullptr ? "func" : "null") + ", " +
-                             pointer_text(context) + ")");
+    module_calls().push_back(fmt("timer(%s, %s, %u, %s, %s, %u, %s, %s)", pointer_text(module), name, flags,
+                                 duration_text(initial).c_str(), duration_text(interval).c_str(), count,
+                                 func != nullptr ? "func" : "null", pointer_text(context)));
     timers[name] = func;
     return reinterpret_cast<zrmodule_timer*>(&timer_storage);
 }

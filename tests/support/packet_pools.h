@@ -1,31 +1,18 @@
-// The packet buffer heap, the pool table and the checks the packet tests share.
+// Packet pools over a buffer heap, and the checks the packet tests share.
 // Pools live until the process ends, like the device's own.
 #pragma once
 
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 #include <gtest/gtest.h>
 
-#include "heap.h"
 #include "packet_var.h"
+#include "test_heaps.h"
 
 // Expected counter growth names only the counters that move.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-namespace packet_test {
-
-// A heap over a fresh range; the record and range stay for the process.
-inline heap_t* make_buffer_heap(size_t bytes) {
-    auto* heap = static_cast<heap_t*>(std::calloc(1, sizeof(heap_t)));
-    auto* range = static_cast<char*>(std::aligned_alloc(64, bytes));
-    std::memset(range, 0, bytes);
-    EXPECT_EQ(heap_create(heap, reinterpret_cast<uintptr_t>(range), reinterpret_cast<uintptr_t>(range) + bytes,
-                          const_cast<char*>("packet buffers")),
-              0);
-    return heap;
-}
+namespace corvex_test {
 
 // Rows from the largest size to the smallest, with the clone row among them.
 inline const packet_sheaf_block_t kPoolTable[] = {
@@ -89,4 +76,4 @@ inline void expect_counted(const packet_stats_t& before, const packet_stats_t& g
         EXPECT_EQ(packet_stats.*counter.field - before.*counter.field, grew.*counter.field) << counter.name;
 }
 
-}  // namespace packet_test
+}  // namespace corvex_test

@@ -8,7 +8,7 @@
 
 #include "host_module.h"
 
-namespace packet_test {
+namespace corvex_test {
 
 // Every call written out with its arguments; the allocated module reads "module".
 std::vector<std::string>& module_calls();
@@ -17,4 +17,4 @@ void module_create_result(int result);
 // The function of the last timer made with that name, or null.
 zrmodule_timer_func recorded_timer(const std::string& name);
 
-}  // namespace packet_test
+}  // namespace corvex_test
