@@ -15,7 +15,7 @@ jobs=$(nproc)
 # shellcheck source=tools/packages.sh
 source "$root/tools/packages.sh"
 install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev \
-  pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3
+  pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3 libpcap-dev tshark
 
 ASAN_OPTIONS_ALL=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
 export ASAN_OPTIONS=$ASAN_OPTIONS_ALL

@@ -1,7 +1,8 @@
 /*
  * A demonstration host: what the control software of a port extender does
  * at start-up, over memory of the process's own, so that the library's
- * commands have something true to show. corvex-shell runs on it.
+ * commands have something true to show. corvex-shell and corvex-pe run
+ * on it.
  */
 #ifndef CORVEX_TOOLS_HOST_SETUP_H
 #define CORVEX_TOOLS_HOST_SETUP_H

@@ -1,0 +1,290 @@
+#!/usr/bin/env python3
+"""End-to-end tests of corvex-pe.
+
+  test_corvex_pe.py files CORVEX_PE    a generated capture through the program:
+                                       counters, every output frame byte for
+                                       byte, tshark's decoding, the pools and
+                                       heaps at exit; bad input files
+  test_corvex_pe.py live CORVEX_PE     the same path between veth pairs in a
+                                       private network namespace, ended by
+                                       SIGINT (skipped where not allowed)
+  test_corvex_pe.py sample             the shipped sample is its generator's
+"""
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+TOOLS = os.path.join(HERE, "..", "..", "tools", "pe")
+sys.path.insert(0, TOOLS)
+import pe_frames as f  # noqa: E402
+
+CONFIG = """upstream up
+port a 0x001
+port b 0x002 vlan add 100 5
+port c 0x003 vlan strip
+port d 0x4005
+group 0x1001 a b c
+group 0x5002 b d
+"""
+ECID = {"a": 0x001, "b": 0x002, "c": 0x003, "d": 0x4005}
+PORTS = ["up", "a", "b", "c", "d"]
+BRIDGE, HOST = f.mac(0x100), f.mac(7)
+
+
+def untag(data, size):
+    """The frame without the size tag bytes after its addresses."""
+    return data[:12] + data[12 + size:]
+
+
+def tagged(data, *tags):
+    return data[:12] + b"".join(tags) + data[12:]
+
+
+def case(port, data, out=None, drop=None, lldp=None, pruned=(), wire=None):
+    return dict(port=port, data=data, out=out or {}, drop=drop, lldp=lldp, pruned=pruned, wire=wire)
+
+
+def cases():
+    up = lambda ecid, n, **kw: f.frame(HOST, BRIDGE, f.etag(ecid, **kw), f.payload(n, 60 + n))
+    plain = lambda n, *tags: f.frame(BRIDGE, HOST, *tags, f.payload(n, 50 + n))
+    rows = [case("up", f.lldp(BRIDGE, True), lldp="pe"),
+            case("up", f.lldp(BRIDGE, False), lldp="plain"),
+            case("a", f.lldp(HOST, True, tag=f.vlan(5)), lldp="pe")]
+    for n, port in enumerate(ECID, 1):
+        frame = up(ECID[port], n)
+        rows.append(case("up", frame, out={port: untag(frame, 8)}))
+    for n, ingress, members, pruned in [(10, 0, "abc", ""), (11, 0x002, "ac", "b"), (12, 0x003, "ab", "c")]:
+        frame = up(0x1001, n, ingress_ecid=ingress)
+        rows.append(case("up", frame, out={p: untag(frame, 8) for p in members}, pruned=pruned))
+    frame = up(0x5002, 13, ingress_ecid=0x4005)
+    rows.append(case("up", frame, out={"b": untag(frame, 8)}, pruned="d"))
+    for n, port in enumerate(ECID, 20):
+        frame = plain(n)
+        tags = [f.etag(ECID[port])] + ([f.vlan(100, 5)] if port == "b" else [])
+        rows.append(case(port, frame, out={"up": tagged(frame, *tags)}))
+    frame = plain(30, f.vlan(9))
+    rows.append(case("b", frame, out={"up": tagged(frame, f.etag(0x002))}))
+    rows.append(case("c", frame, out={"up": tagged(untag(frame, 4), f.etag(0x003))}))
+    rows.append(case("a", frame, out={"up": tagged(frame, f.etag(0x001))}))
+    rows += [case("up", up(0x077, 40), drop="unknown E-CID"),
+             case("up", up(0x3077, 41), drop="unknown E-CID"),
+             case("up", plain(42), drop="no E-tag from upstream"),
+             case("up", up(0x001, 43, reserved=1), drop="malformed E-tag"),
+             case("up", bytes(13), drop="short frame"),
+             case("up", up(0x001, 44)[:21], drop="short frame"),
+             case("c", plain(45)[:12] + b"\x81\x00\x00", drop="short frame"),
+             case("up", up(0x001, 46), drop="truncated capture", wire=1000),
+             case("d", up(0x002, 47), drop="E-tag on extended port"),
+             case("a", plain(9300), drop="oversize frame")]
+    return rows
+
+
+def run(argv, **kw):
+    return subprocess.run(argv, capture_output=True, text=True, timeout=120, **kw)
+
+
+def check(condition, what):
+    if not condition:
+        sys.exit("FAILED: " + what)
+
+
+def counter_rows(stdout):
+    """{port: [rx frames, rx bytes, tx frames, tx bytes, lldp, lldp-pe, dropped, pruned]}, {reason: n}."""
+    ports, reasons = {}, {}
+    for line in stdout.splitlines():
+        words = line.split()
+        if len(words) == 10 and words[0] in PORTS:
+            ports[words[0]] = [int(w) for w in words[2:]]
+        m = re.fullmatch(r"  (\S.*?) +(\d+)", line)
+        if m:
+            reasons[m.group(1)] = int(m.group(2))
+    return ports, reasons
+
+
+def expected_counters(rows):
+    ports = {p: [0] * 8 for p in PORTS}
+    reasons = {}
+    for row in rows:
+        c = ports[row["port"]]
+        c[0] += 1
+        c[1] += row["wire"] or len(row["data"])
+        c[4] += row["lldp"] is not None
+        c[5] += row["lldp"] == "pe"
+        if row["drop"]:
+            c[6] += 1
+            reasons[row["drop"]] = reasons.get(row["drop"], 0) + 1
+        for port, data in row["out"].items():
+            ports[port][2] += 1
+            ports[port][3] += len(data)
+        for port in row["pruned"]:
+            ports[port][7] += 1
+    return ports, reasons
+
+
+def files_test(program):
+    rows = cases()
+    work = tempfile.mkdtemp(prefix="corvex-pe-")
+    try:
+        config = os.path.join(work, "pe.conf")
+        with open(config, "w") as out:
+            out.write(CONFIG)
+        inputs = {p: [] for p in PORTS}
+        for t, row in enumerate(rows):
+            inputs[row["port"]].append((1_000_000 + t, row["data"], row["wire"]))
+        os.mkdir(os.path.join(work, "in"))
+        for port in PORTS:
+            f.pcap_write(os.path.join(work, "in", port + ".pcap"), inputs[port])
+        result = run([program, "--config", config, "--in", os.path.join(work, "in"), "--out",
+                      os.path.join(work, "out"), "-q", "-c", "show packet statistics", "-c", "show heap"])
+        check(result.returncode == 0, "corvex-pe failed:\n" + result.stdout + result.stderr)
+        check(result.stderr == "", "corvex-pe complained:\n" + result.stderr)
+
+        ports, reasons = counter_rows(result.stdout)
+        want_ports, want_reasons = expected_counters(rows)
+        check(ports == want_ports, "port counters %s, expected %s" % (ports, want_ports))
+        for reason, count in reasons.items():
+            check(count == want_reasons.get(reason, 0), "%s: %d drops, expected %s" % (reason, count, want_reasons))
+
+        for port in PORTS:
+            want = [row["out"][port] for row in rows if port in row["out"]]
+            got = f.pcap_read(os.path.join(work, "out", port + ".pcap"))
+            check(got == want, "%s.pcap: %s, expected %s" % (port, [g.hex() for g in got], [w.hex() for w in want]))
+
+        # Every frame that got a packet, and every copy, was a get and a return.
+        gets = sum(1 for r in rows if 14 <= len(r["data"]) <= 9216 and r["wire"] is None)
+        clones = sum(len(r["out"]) for r in rows if r["data"][12:14] == b"\x89\x3f" and r["data"][16] & 0x30)
+        for label, value in [("get requests", gets + clones), ("returns", gets + clones),
+                             ("clone returns", clones), ("active", 0)]:
+            check(re.search(r"^ +%d %s$" % (value, label), result.stdout, re.M), "%s not %d" % (label, value))
+        check("Heaps at exit: 4 walk clean, free bytes as at start-up" in result.stdout, "heaps at exit")
+        tshark_check(os.path.join(work, "out", "up.pcap"), rows)
+        bad_input_test(program, work)
+    finally:
+        shutil.rmtree(work)
+
+
+def tshark_check(path, rows):
+    check(shutil.which("tshark"), "tshark is not installed (Debian package tshark)")
+    fields = ["etag.ecid_ext", "etag.group", "etag.ecid_base", "etag.iecid_base", "vlan.id"]
+    result = run(["tshark", "-r", path, "-T", "fields"] + sum((["-e", x] for x in fields), []))
+    check(result.returncode == 0, "tshark: " + result.stderr)
+    want = []
+    for row in rows:
+        if "up" in row["out"]:
+            ecid = ECID[row["port"]]
+            vid = "100" if row["port"] == "b" and row["data"][12:14] != b"\x81\x00" else \
+                "9" if row["data"][12:14] == b"\x81\x00" and row["port"] != "c" else ""
+            want.append("0x%02x\t0\t0x%04x\t0x0000\t%s" % (ecid >> 14, ecid & 0xFFF, vid))
+    check(result.stdout.splitlines() == want, "tshark decoded:\n%s\nexpected:\n%s" % (result.stdout, "\n".join(want)))
+
+
+def bad_input_test(program, work):
+    """Each bad file, capture or configuration, ends the run with status 2 and one line naming it."""
+    with open(os.path.join(work, "in", "up.pcap"), "rb") as fin:
+        data = fin.read()
+    bad = os.path.join(work, "bad")
+    for name, capture, text, message in [
+            ("missing capture", None, CONFIG, bad + ": No such file or directory"),
+            ("text as capture", b"not a capture at all\n" * 4, CONFIG, bad + ": unknown file format"),
+            ("cut in the file header", data[:10], CONFIG, bad + ": truncated dump file"),
+            ("cut in a record", data[:24 + 16 + 20], CONFIG, bad + ": truncated dump file"),
+            ("unknown statement", data, CONFIG + "bridge x\n", bad + ".conf:8: unknown statement: bridge"),
+            ("multicast port", data, "upstream up\nport a 0x1001\n", bad + ".conf:2: not a unicast E-CID: 0x1001"),
+            ("group of nothing", data, CONFIG + "group 0x1002 up\n", bad + ".conf:8: not an extended port: up")]:
+        if os.path.exists(bad):
+            os.remove(bad)
+        if capture is not None:
+            with open(bad, "wb") as out:
+                out.write(capture)
+        with open(bad + ".conf", "w") as out:
+            out.write(text)
+        result = run([program, "--config", bad + ".conf", "--in", "up=" + bad, "--out", bad + ".out", "-q"])
+        check(result.returncode == 2 and result.stderr.startswith("corvex-pe: " + message)
+              and result.stderr.count("\n") == 1, "%s: status %d, stderr %r" % (name, result.returncode, result.stderr))
+
+
+def sample_test():
+    work = tempfile.mkdtemp(prefix="corvex-pe-sample-")
+    try:
+        subprocess.run([sys.executable, os.path.join(TOOLS, "gen_sample.py"), work], check=True)
+        for name in sorted(os.listdir(work)):
+            with open(os.path.join(work, name), "rb") as a, open(os.path.join(TOOLS, "sample", name), "rb") as b:
+                check(a.read() == b.read(), "tools/pe/sample/%s differs from what gen_sample.py writes" % name)
+    finally:
+        shutil.rmtree(work)
+
+
+def live_test(program):
+    if os.geteuid() != 0 or not shutil.which("ip"):
+        print("SKIPPED: the live test needs root and ip(8) for a network namespace")
+        sys.exit(77)
+    namespace = "corvex-pe-%d" % os.getpid()
+    if run(["ip", "netns", "add", namespace]).returncode != 0:
+        print("SKIPPED: this machine allows no network namespace")
+        sys.exit(77)
+    try:
+        result = run(["ip", "netns", "exec", namespace, sys.executable, __file__, "live-inside", program])
+        sys.stdout.write(result.stdout)
+        if result.returncode == 77:
+            sys.exit(77)
+        check(result.returncode == 0, "live test:\n" + result.stdout + result.stderr)
+    finally:
+        run(["ip", "netns", "delete", namespace])
+
+
+def live_inside(program):
+    """In the namespace: veth pairs up0-up1 and a0-a1; corvex-pe forwards between up0 and a0."""
+    run(["sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=1", "net.ipv6.conf.default.disable_ipv6=1"])
+    for port in ("up", "a"):
+        for argv in (["ip", "link", "add", port + "0", "type", "veth", "peer", "name", port + "1"],
+                     ["ip", "link", "set", port + "0", "up"], ["ip", "link", "set", port + "1", "up"]):
+            if run(argv).returncode != 0:
+                print("SKIPPED: this machine allows no veth pair: " + " ".join(argv))
+                sys.exit(77)
+    work = tempfile.mkdtemp(prefix="corvex-pe-live-")
+    config = os.path.join(work, "pe.conf")
+    with open(config, "w") as out:
+        out.write("upstream up\nport a 0x001\n")
+    pe = subprocess.Popen([program, "--config", config, "--port", "up=up0", "--port", "a=a0", "-q",
+                           "-c", "show packet statistics"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        check("forwarding between 2 interfaces" in pe.stderr.readline(), "corvex-pe did not start")
+        sockets = {}
+        for port in ("up", "a"):
+            s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
+            s.bind((port + "1", 0))
+            s.settimeout(3)
+            sockets[port] = s
+        down = f.frame(HOST, BRIDGE, f.etag(0x001), f.payload(1, 60))
+        upward = f.frame(BRIDGE, HOST, f.payload(2, 60))
+        for port, data, out_port, want in [("up", down, "a", untag(down, 8)),
+                                           ("a", upward, "up", tagged(upward, f.etag(0x001)))]:
+            sockets[port].send(data)
+            while True:
+                got, address = sockets[out_port].recvfrom(65536)
+                if address[2] != socket.PACKET_OUTGOING and got[12:14] in (b"\x88\xb5", b"\x89\x3f"):
+                    break
+            check(got == want, "live %s -> %s: %s, expected %s" % (port, out_port, got.hex(), want.hex()))
+        pe.send_signal(signal.SIGINT)
+        stdout, _ = pe.communicate(timeout=30)
+    finally:
+        if pe.poll() is None:
+            pe.kill()
+        shutil.rmtree(work)
+    ports, _ = counter_rows(stdout)
+    check(pe.returncode == 0 and stdout.startswith("Interrupted.\n"), "after SIGINT: %d\n%s" % (pe.returncode, stdout))
+    check(ports["up"][2] == 1 and ports["a"][2] == 1, "live counters:\n" + stdout)
+    check(re.search(r"^ +0 active$", stdout, re.M), "packets left active:\n" + stdout)
+
+
+if __name__ == "__main__":
+    mode = sys.argv[1]
+    {"files": lambda: files_test(sys.argv[2]), "live": lambda: live_test(sys.argv[2]),
+     "live-inside": lambda: live_inside(sys.argv[2]), "sample": sample_test}[mode]()
+    print("passed")
