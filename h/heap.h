@@ -149,7 +149,29 @@ typedef struct heap_debug_proc_ {
     heap_block_pre_alloc_proc pre_alloc;
 } heap_debug_proc_t;
 
-/* A heap's control record: storage belongs to the caller. */
+/*
+ * A heap's control record: storage belongs to the caller.
+ *
+ * What holds between any two operations on a heap (builds made with
+ * CORVEX_INVARIANTS assert each of these, by these words, after every
+ * allocation, release, heap creation and list creation):
+ * - blocks tile the range: from base, each header lies in the range, each
+ *   data area ends inside it and the last ends exactly at base + size;
+ * - prev names the physically preceding block (null for the first);
+ * - no two free blocks are adjacent;
+ * - every free block is on the list its size selects (a list added later
+ *   splits the range of the list below it, and blocks already there stay:
+ *   a heap with added lists keeps every block of a sized list at least as
+ *   large as the list's size);
+ * - an allocated block is on no list;
+ * - a list's blocks are free and carry its id;
+ * - list counts equal what a walk finds (item_count of each list);
+ * - list free bytes equal what a walk finds (size + header of each block);
+ * - free bytes equal what a walk finds (the sum over all free blocks);
+ * - largest_block is null or a free block on a list;
+ * - the index mirrors the lists: entry k is the k-th list, sizes ascending,
+ *   the default list last.
+ */
 struct heap_ {
     u_int32_t magic;
     list_item_t links;

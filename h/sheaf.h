@@ -42,8 +42,13 @@ typedef struct sheaf_vector_ {
 } sheaf_vector_t;
 
 /*
- * One pool. Invariants: `free` is the length of the `packets` list and
- * never exceeds `total`; a sheaf with a reserve (`min` > 0) has `max` > `min`.
+ * One pool. What holds between any two operations on a sheaf (builds made
+ * with CORVEX_INVARIANTS assert each of these, by these words, after every
+ * take, give-back, creation, destruction and tune):
+ * - sheaf free count equals its list (the length of `packets`);
+ * - free never exceeds total;
+ * - a resting packet belongs to its sheaf.
+ * A sheaf with a reserve (`min` > 0) is made with `max` > `min`.
  */
 struct sheaf_ {
     list_item_t links;      /* link in the sheaf registry */

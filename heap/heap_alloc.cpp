@@ -146,6 +146,7 @@ void* heap_block_get(heap_t* heap, size_t size, void* callers_pc) {
         trailer_write(block, callers_pc);
     }
     heap_rates_note(heap, block, true);
+    heap_invariants_check(heap);
     return data;
 }
 

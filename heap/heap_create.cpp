@@ -22,7 +22,7 @@ namespace {
 
 int heap_list_init_done;
 
-constexpr u_int32_t heap_freelist_size_table[15] = {0,   16,  24,  36,   48,   64,   80,   96,
+constexpr u_int32_t heap_freelist_size_table[kStartingLists] = {0,   16,  24,  36,   48,   64,   80,   96,
                                                     128, 256, 512, 1024, 2048, 4096, 32768};
 
 constexpr int kSelfTestBlocks = 2048;
@@ -76,6 +76,7 @@ status_t heap_create_internal(heap_t* heap, uintptr_t first, uintptr_t last, cha
     list_append(&heap_list, &heap->links);
     freelist_bits_attach(heap);
     heap_get_default_debug_proc(&heap->debug_proc);
+    heap_invariants_check(heap);
     return 0;
 }
 

@@ -108,6 +108,7 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
         merge_into(heap, merged, next);
     }
     heap_freelist_enqueue(heap, nullptr, merged);
+    heap_invariants_check(heap);
 }
 
 }  // namespace corvex::heap

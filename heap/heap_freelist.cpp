@@ -80,6 +80,7 @@ status_t heap_freelist_create(heap_t* heap, size_t size) {
         list_insert_before(&heap->freelist, &stop->links, &slot->links);
     }
     freelist_index_rebuild(heap);
+    heap_invariants_check(heap);
     return 0;
 }
 

@@ -8,6 +8,7 @@
 
 #include "heap.h"
 #include "priv_glb_lock.h"
+#include "priv_invariants.h"
 
 namespace corvex::heap {
 
@@ -154,6 +155,17 @@ void freelist_bits_attach(heap_t* heap);
 void freelist_bits_rebuild(heap_t* heap);
 void freelist_bits_note(heap_t* heap, heap_freelist_t* list);
 size_t freelist_bits_first(heap_t* heap, size_t from, size_t sized);
+
+// Lists every heap starts with (heap_create.cpp); more may be added later.
+inline constexpr size_t kStartingLists = 15;
+
+// After an operation that changed the heap: the invariants written at heap_t
+// (heap.h) asserted, in builds made with CORVEX_INVARIANTS; nothing else.
+#if CORVEX_INVARIANTS
+void heap_invariants_check(heap_t* heap);
+#else
+inline void heap_invariants_check(heap_t*) {}
+#endif
 
 // Internal operations (one definition each, shared between the modules).
 void* heap_block_get(heap_t* heap, size_t size, void* callers_pc);

@@ -9,6 +9,7 @@
 
 #include "packet_var.h"
 #include "priv_glb_lock.h"
+#include "priv_invariants.h"
 
 namespace corvex::packet {
 
@@ -119,6 +120,14 @@ inline packet_t* packet_original(const packet_t* packet) {
     return packet->buffer != nullptr ? packet->buffer->packet : nullptr;
 }
 
+// After an operation on a sheaf: the invariants written at sheaf_t (sheaf.h)
+// asserted, in builds made with CORVEX_INVARIANTS; nothing else.
+#if CORVEX_INVARIANTS
+void sheaf_invariants_check(const sheaf_t* sheaf);
+#else
+inline void sheaf_invariants_check(const sheaf_t*) {}
+#endif
+
 // A sheaf's take and give-back, inline for the hand-out and return paths
 // (the exported sheaf_* operations are these). The caller holds
 // packet_glb_lock.
@@ -126,6 +135,7 @@ inline void sheaf_push(sheaf_t* sheaf, packet_t* packet) {
     packet->sheaf_next = sheaf->packets;
     sheaf->packets = packet;
     ++sheaf->free;
+    sheaf_invariants_check(sheaf);
 }
 
 inline packet_t* sheaf_pop(sheaf_t* sheaf) {
@@ -134,6 +144,7 @@ inline packet_t* sheaf_pop(sheaf_t* sheaf) {
         sheaf->packets = packet->sheaf_next;
         packet->sheaf_next = nullptr;
         --sheaf->free;
+        sheaf_invariants_check(sheaf);
     }
     return packet;
 }
@@ -162,6 +173,7 @@ inline packet_t* sheaf_take_once(sheaf_t* sheaf, sheaf_size_t size, bool dequeue
     }
     if (++sheaf->total > sheaf->high_thresh) sheaf->high_thresh = sheaf->total;
     packet_registry_add(packet);
+    sheaf_invariants_check(sheaf);
     return packet;
 }
 
@@ -174,6 +186,7 @@ inline void sheaf_give(sheaf_t* sheaf, packet_t* packet) {
     ++sheaf->nfree;
     packet_registry_remove(packet);
     if (sheaf->vector->free(sheaf, packet)) --sheaf->total;
+    sheaf_invariants_check(sheaf);
 }
 
 // A take that first refills the reserve to min + 1 resting packets, bounded

@@ -2,8 +2,10 @@
 # Builds everything and runs every test, on a fresh Debian machine too:
 #   native x86-64, 32-bit (-m32), both again under AddressSanitizer +
 #   UndefinedBehaviorSanitizer, the concurrent tests under ThreadSanitizer,
-#   and the fuzz targets for a short bounded time. First of all, the tests
-#   must stay a modest share of the code (tools/test_share.sh).
+#   and the fuzz targets for a short bounded time; every configuration
+#   asserts the heaps' and sheaves' internal invariants (CORVEX_INVARIANTS).
+#   First of all, the tests must stay a modest share of the code
+#   (tools/test_share.sh).
 # Usage: tools/check.sh [build-root]      (default: ./build)
 set -euo pipefail
 
@@ -65,7 +67,7 @@ run() {
   local name=$1 ctest_args=$2; shift 3
   local dir=$builds/$name
   echo "== $name: build"
-  cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >"$dir.configure.log" 2>&1 \
+  cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVEX_INVARIANTS=ON "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   cmake --build "$dir" -j "$jobs"
   echo "== $name: test"
