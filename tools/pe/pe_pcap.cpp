@@ -57,38 +57,38 @@ pcap_t* live_open(const char* interface, FILE* err) {
     return handle;
 }
 
-bool port_open(pe_io_t::Port& port, const pe_port_io_t& spec, FILE* err) {
+bool port_open(pe_io_t::Port& port, const pe_port_io_t& wanted, FILE* err) {
     char error[PCAP_ERRBUF_SIZE] = "";
-    if (spec.interface != nullptr) {
-        port.input = spec.interface;
+    if (wanted.interface != nullptr) {
+        port.input = wanted.interface;
         port.live = true;
-        port.in = live_open(spec.interface, err);
+        port.in = live_open(wanted.interface, err);
         return port.in != nullptr;
     }
-    if (spec.input != nullptr) {
-        port.input = spec.input;
+    if (wanted.input != nullptr) {
+        port.input = wanted.input;
         // Opened here so that a missing file is told like any other fault.
-        FILE* file = fopen(spec.input, "rb");
+        FILE* file = fopen(wanted.input, "rb");
         if (file == nullptr) {
-            fprintf(err, "corvex-pe: %s: %s\n", spec.input, strerror(errno));
+            fprintf(err, "corvex-pe: %s: %s\n", wanted.input, strerror(errno));
             return false;
         }
         port.in = pcap_fopen_offline(file, error);  // closes file from now on
         if (port.in == nullptr) {
             fclose(file);
-            fprintf(err, "corvex-pe: %s: %s\n", spec.input, error);
+            fprintf(err, "corvex-pe: %s: %s\n", wanted.input, error);
             return false;
         }
         if (pcap_datalink(port.in) != DLT_EN10MB) {
-            fprintf(err, "corvex-pe: %s: not an Ethernet capture\n", spec.input);
+            fprintf(err, "corvex-pe: %s: not an Ethernet capture\n", wanted.input);
             return false;
         }
     }
-    if (spec.output != nullptr) {
+    if (wanted.output != nullptr) {
         port.dead = pcap_open_dead(DLT_EN10MB, kSnapLength);
-        port.dump = port.dead == nullptr ? nullptr : pcap_dump_open(port.dead, spec.output);
+        port.dump = port.dead == nullptr ? nullptr : pcap_dump_open(port.dead, wanted.output);
         if (port.dump == nullptr) {
-            fprintf(err, "corvex-pe: %s: %s\n", spec.output,
+            fprintf(err, "corvex-pe: %s: %s\n", wanted.output,
                     port.dead == nullptr ? "cannot write" : pcap_geterr(port.dead));
             return false;
         }
