@@ -22,8 +22,8 @@ namespace {
 
 int heap_list_init_done;
 
-constexpr u_int32_t heap_freelist_size_table[kStartingLists] = {0,   16,  24,  36,   48,   64,   80,   96,
-                                                    128, 256, 512, 1024, 2048, 4096, 32768};
+constexpr u_int32_t heap_freelist_size_table[kStartingLists] = {
+    0, 16, 24, 36, 48, 64, 80, 96, 128, 256, 512, 1024, 2048, 4096, 32768};
 
 constexpr int kSelfTestBlocks = 2048;
 constexpr int kSelfTestMaxRequest = 32785;
