@@ -119,14 +119,14 @@ void print(const std::vector<Row>& rows, const std::vector<Result>& results) {
                 arch, kRounds);
     std::printf("| Work | libcorvex ns | Peer | Peer ns | Ratio | Goal | Met | Floor | Floor ns | Floor ratio |\n");
     std::printf("|---|---:|---|---:|---:|---:|---|---|---:|---:|\n");
-    int met_count = 0, below_floor = 0;
+    int met_count = 0, out_of_reach = 0;
     for (size_t i = 0; i < rows.size(); ++i) {
         const Row& row = rows[i];
         const Result& result = results[i];
         const bool met = result.ratio <= row.goal;
         const bool floor_misses = row.floor && result.floor_ratio > row.goal;
         met_count += met ? 1 : 0;
-        below_floor += !met && floor_misses ? 1 : 0;
+        out_of_reach += !met && floor_misses ? 1 : 0;
         std::printf("| %s | %.1f | %s | %.1f | %.2f | %.1f | %s |", row.work.c_str(), result.ours_ns,
                     row.peer_name.c_str(), result.peer_ns, result.ratio, row.goal,
                     met ? "yes" : floor_misses ? "no (floor above goal)" : "no");
@@ -136,8 +136,9 @@ void print(const std::vector<Row>& rows, const std::vector<Result>& results) {
             std::printf(" none | | |\n");
         }
     }
-    std::printf("\n%d of %zu goals met; %d of the %zu missed are out of the design's reach: their floor alone is above the goal\n",
-                met_count, rows.size(), below_floor, rows.size() - static_cast<size_t>(met_count));
+    std::printf("\n%d of %zu goals met; %d of the %zu missed are out of the design's reach: "
+                "their floor alone is above the goal\n",
+                met_count, rows.size(), out_of_reach, rows.size() - static_cast<size_t>(met_count));
 }
 
 }  // namespace
