@@ -20,6 +20,7 @@
 #include <string>
 
 #include "itable_shm.h"
+#include "shm_view.h"
 
 namespace {
 
@@ -33,14 +34,6 @@ const std::string& path() {
         return std::string(dir != nullptr ? dir : "/tmp") + "/corvex_fuzz_shm." + std::to_string(getpid());
     }();
     return made;
-}
-
-// What a process that never deletes its handle leaves: the region in place.
-void detach(itable_shm_t* table) {
-    munmap(itable_shm_get_start_addr(table), static_cast<size_t>(itable_shm_get_mmap_size(table)));
-    close(table->shm_fd);
-    free(table->shm_path);
-    free(table);
 }
 
 void file_write(const uint8_t* bytes, size_t size, off_t at, bool cut) {
@@ -89,7 +82,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     } else {
         itable_shm_t* made = itable_shm_alloc(path().c_str(), version, common, entries, entry_size);
         require(made != nullptr);
-        detach(made);
+        shm_view_release(made);
         if (size >= 2) file_write(data + 2, size - 2, data[0] | data[1] << 8, (mode & 2) != 0);
     }
     itable_shm_t* table = itable_shm_alloc(path().c_str(), version, common, entries, entry_size);

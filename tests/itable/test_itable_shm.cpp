@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "itable_shm.h"
+#include "shm_view.h"
 
 namespace {
 
@@ -61,12 +62,8 @@ protected:
         if (h != nullptr) handles.push_back(h);
         return h;
     }
-    // Lets go of this process's view without touching the file.
     void detach(itable_shm_t* h) {
-        munmap(itable_shm_get_start_addr(h), static_cast<size_t>(itable_shm_get_mmap_size(h)));
-        close(h->shm_fd);
-        free(h->shm_path);
-        free(h);
+        shm_view_release(h);
         std::erase(handles, h);
     }
     std::string dir, path;
