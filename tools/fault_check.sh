@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Measures what the tests catch: plants each fault of tools/planted_faults/
+# Measures what the tests catch: plants each fault of tests/planted_faults/
 # (one small patch to the library each) in a copy of this tree, one at a
 # time, builds the copy natively and runs its tests, and prints which test
 # programs failed. Exits non-zero when a fault goes unnoticed, or when a
@@ -14,7 +14,7 @@
 set -uo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
-faults_dir=$root/tools/planted_faults
+faults_dir=$root/tests/planted_faults
 verbose=0
 if [ "${1:-}" = "-v" ]; then verbose=1; shift; fi
 work=${1:-/tmp/corvex-fault-check}

@@ -20,4 +20,4 @@ if [ $# -eq 0 ]; then
   set -- --out "$build/out" -c "show heap" -c "show heap 0 accounting pc" \
     -c "show packet statistics" -c "show packet sheaf 3"
 fi
-exec "$build/tools/pe/corvex-pe" "$@"
+exec "$build/apps/corvex-pe/corvex-pe" "$@"

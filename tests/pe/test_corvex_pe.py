@@ -20,8 +20,8 @@ import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-TOOLS = os.path.join(HERE, "..", "..", "tools", "pe")
-sys.path.insert(0, TOOLS)
+PE_DIR = os.path.join(HERE, "..", "..", "apps", "corvex-pe")
+sys.path.insert(0, PE_DIR)
 import pe_frames as f  # noqa: E402
 
 CONFIG = """upstream up
@@ -212,10 +212,10 @@ def bad_input_test(program, work):
 def sample_test():
     work = tempfile.mkdtemp(prefix="corvex-pe-sample-")
     try:
-        subprocess.run([sys.executable, os.path.join(TOOLS, "gen_sample.py"), work], check=True)
+        subprocess.run([sys.executable, os.path.join(PE_DIR, "gen_sample.py"), work], check=True)
         for name in sorted(os.listdir(work)):
-            with open(os.path.join(work, name), "rb") as a, open(os.path.join(TOOLS, "sample", name), "rb") as b:
-                check(a.read() == b.read(), "tools/pe/sample/%s differs from what gen_sample.py writes" % name)
+            with open(os.path.join(work, name), "rb") as a, open(os.path.join(PE_DIR, "sample", name), "rb") as b:
+                check(a.read() == b.read(), "apps/corvex-pe/sample/%s differs from what gen_sample.py writes" % name)
     finally:
         shutil.rmtree(work)
 
