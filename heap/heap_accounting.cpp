@@ -14,6 +14,7 @@
 
 #include "host_cli.h"
 #include "priv_heap.h"
+#include "priv_vty_selectors.h"
 #include "time_util.h"
 
 namespace corvex::heap {
@@ -22,7 +23,7 @@ u_int32_t heap_rates_counted;
 
 namespace {
 
-enum AccountingSelector : u_int32_t { kRates = 20, kByPc = 21, kByPcAndSize = 22, kBySize = 23 };
+using namespace corvex::vty;
 
 // Groups one report holds; blocks of further groups are summed as "other".
 constexpr size_t kReportGroups = 200;
@@ -223,10 +224,10 @@ boolean group_block(heap_t* /*heap*/, heap_block_t* block, heap_walk_arg_t* arg)
     void* data = data_of(block);
     const u_int32_t size = heap_block_size(data);
     Group key{};
-    if (arg->magic != kBySize) {
+    if (arg->magic != kShowBySize) {
         key.pc = reinterpret_cast<uintptr_t>(heap_get_pc(data));
     }
-    if (arg->magic != kByPc) {
+    if (arg->magic != kShowByPc) {
         key.size = size;
     }
     Group& row = static_cast<GroupTally*>(arg->context)->row_for(key);
@@ -247,16 +248,16 @@ void show_groups(heap_t* heap, u_int32_t by) {
         status = heap_walk(heap, group_block, &arg);
     }
     const char* name = heap_display_name(heap);
-    const char* by_what = by == kByPc ? "PC" : by == kBySize ? "size" : "PC and size";
+    const char* by_what = by == kShowByPc ? "PC" : by == kShowBySize ? "size" : "PC and size";
     parser_printf("\n Allocated blocks of heap %s by %s\n", name, by_what);
     char key_label[32];
     char key_rule[32];
     int key_width;
-    if (by == kByPc) {
+    if (by == kShowByPc) {
         key_width = kPcWidth;
         snprintf(key_label, sizeof key_label, "PC");
         snprintf(key_rule, sizeof key_rule, "%s", dashes(kPcWidth));
-    } else if (by == kBySize) {
+    } else if (by == kShowBySize) {
         key_width = kSizeWidth;
         snprintf(key_label, sizeof key_label, "%*s", kSizeWidth, "Size(b)");
         snprintf(key_rule, sizeof key_rule, "%s", dashes(kSizeWidth));
@@ -268,9 +269,9 @@ void show_groups(heap_t* heap, u_int32_t by) {
     ReportLines lines(key_width, kGroupColumns);
     lines.header(key_label, key_rule);
     print_rows(lines, tally, key_rule, [by](const Group& group, char* text, size_t room) {
-        if (by == kByPc) {
+        if (by == kShowByPc) {
             snprintf(text, room, "%0*" PRIxPTR, kPcWidth, group.pc);
-        } else if (by == kBySize) {
+        } else if (by == kShowBySize) {
             snprintf(text, room, "%*u", kSizeWidth, group.size);
         } else {
             snprintf(text, room, "%0*" PRIxPTR "  %*u", kPcWidth, group.pc, kSizeWidth, group.size);
@@ -351,7 +352,7 @@ void heap_rates_count(heap_t* heap, heap_block_t* block, bool allocated) {
 }
 
 void heap_accounting_show(heap_t* heap, u_int32_t selector) {
-    if (selector == kRates) {
+    if (selector == kShowRates) {
         show_rates(heap);
     } else {
         show_groups(heap, selector);

@@ -12,33 +12,12 @@
 #include "llist.h"
 #include "priv_heap.h"
 #include "priv_parser_items.h"
+#include "priv_vty_selectors.h"
 
 namespace corvex::heap {
 namespace {
 
-// Selectors of the show heap commands (the magic numbers of their end nodes).
-enum ShowSelector : u_int32_t {
-    kShowSummary = 1,
-    kShowOne = 2,
-    kShowSanity = 3,
-    kShowBlocks = 4,
-    kShowBlocksSize = 5,
-    kShowFree = 6,
-    kShowFreeSize = 7,
-    kShowAlloc = 8,
-    kShowAllocSize = 9,
-    kShowAllocPc = 10,
-    kShowAllocSizePc = 11,
-    kShowSanityActive = 12,
-    kShowAddress = 14,
-    kShowRates = 20,
-    kShowBySize = 23,
-    kShowHelp = 24,
-    kShowExtensive = 36,
-};
-
-// Selectors of the set heap commands.
-enum SetSelector : u_int32_t { kSetLowWatermark = 1, kSetDebugEnable = 8, kSetDebugDisable = 9, kSetRecovery = 11 };
+using namespace corvex::vty;
 
 // The status of a walk that its walker stopped.
 constexpr status_t kWalkStopped = 1001;
