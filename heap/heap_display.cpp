@@ -1,6 +1,8 @@
 // The block log (system log) and the block display (CLI): the same facts
 // about one header, in two fixed formats. Neither reads outside the range
 // of the heap it is given.
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <syslog.h>
 
@@ -69,20 +71,6 @@ heap_t* range_heap(heap_t* heap, heap_block_t* block) {
     return heap_valid(heap) ? heap : heap_registered_owner(block);
 }
 
-void log_raw_dump(u_int32_t priority, heap_t* bound, heap_block_t* block) {
-    auto* word_addr = reinterpret_cast<u_int8_t*>(block);
-    for (int i = 0; i < kDumpWords; ++i, word_addr += 4) {
-        if (bound != nullptr && reinterpret_cast<uintptr_t>(word_addr) + 4 > heap_end(bound)) {
-            break;
-        }
-        u_int32_t w;
-        std::memcpy(&w, word_addr, sizeof w);
-        syslog(static_cast<int>(priority), "HEAP: memory address = %p, data = 0x%08x\n", static_cast<void*>(word_addr),
-               w);
-    }
-    syslog(static_cast<int>(priority), "\n\n");
-}
-
 // The heap the block is valid in (null when it is not): the given one, or
 // for a null heap the one an allocated header names, if that is registered.
 heap_t* validated_heap(heap_t* heap, heap_block_t* block) {
@@ -93,6 +81,155 @@ heap_t* validated_heap(heap_t* heap, heap_block_t* block) {
         }
     }
     return heap_block_validate(heap, block, FALSE, FALSE) == 0 ? heap : nullptr;
+}
+
+constexpr size_t kLineMax = 192;  // the longest line holds three pointers
+
+// Where a block report goes: the system log, one record a line, each line
+// after "HEAP: "; or the operator's terminal, the lines as they are. Where
+// the two have always been spelt differently, each keeps its spelling.
+struct ReportSink {
+    bool system_log;  // else the terminal
+    int priority;     // of the log records
+    const char* prefix;
+    const char* offset_gap;     // between "offset" and its colon
+    const char* trailer_tag;    // in front of the trailer lines, after the prefix
+    const char* trailer_block;  // what the trailer lines call the block
+    const char* pc_dump_gap;    // between "block PC" and "dump"
+    bool size_signed;
+
+    bool to_log() const { return system_log; }
+
+    // One line after the prefix.
+    __attribute__((format(printf, 2, 3))) void line(const char* format, ...) const {
+        va_list args;
+        va_start(args, format);
+        emit(prefix, format, args);
+        va_end(args);
+    }
+    // Text without the prefix; on the log, a record of its own.
+    __attribute__((format(printf, 2, 3))) void bare(const char* format, ...) const {
+        va_list args;
+        va_start(args, format);
+        emit("", format, args);
+        va_end(args);
+    }
+    void validity_failed() const { bare("\n%s******** FAILED VALIDITY CHECKS **********\n\n", prefix); }
+
+private:
+    __attribute__((format(printf, 3, 0))) void emit(const char* lead, const char* format, va_list args) const {
+        char text[kLineMax];
+        vsnprintf(text, sizeof text, format, args);
+        if (to_log()) {
+            syslog(priority, "%s%s", lead, text);
+        } else {
+            parser_printf("%s%s", lead, text);
+        }
+    }
+};
+
+ReportSink log_sink(u_int32_t priority) {
+    return {true, static_cast<int>(priority), "HEAP: ", "    ", "", "block", "      ", true};
+}
+constexpr ReportSink kTerminalSink = {false, 0, "", "   ", "HEAP: ", "heap block", "       ", false};
+
+// The first words of the block as they are, never past the end of the
+// range of `bound` when there is one.
+void raw_dump(const ReportSink& out, heap_t* bound, heap_block_t* block) {
+    auto* word_addr = reinterpret_cast<u_int8_t*>(block);
+    for (int i = 0; i < kDumpWords; ++i, word_addr += 4) {
+        if (bound != nullptr && reinterpret_cast<uintptr_t>(word_addr) + 4 > heap_end(bound)) {
+            break;
+        }
+        u_int32_t w;
+        std::memcpy(&w, word_addr, sizeof w);
+        out.line("memory address = %p, data = 0x%08x\n", static_cast<void*>(word_addr), w);
+    }
+    out.bare("\n\n");
+}
+
+// One walk over a header's fields for both destinations. The log takes any
+// header with any heap (null or broken included) and adds the raw dump and
+// the allocating caller; the terminal is given a sound heap, judges the
+// block by that heap alone, and shows pc_saved.
+void block_report(const ReportSink& out, heap_t* heap, heap_block_t* block) {
+    out.line("\n");
+    out.line("\n");
+    // An operator may type any address: the data address is worked out in
+    // integers, and nothing outside the range is read.
+    out.line("Heap block: Header Address: %p\n", static_cast<void*>(block));
+    out.line("Heap block: Data   Address: %p\n\n", BlockFacts::shifted(block, kHeaderSize));
+    if (heap_valid(heap) && !header_in_heap(heap, block)) {
+        if (!out.to_log()) {
+            out.line("Not a block of heap %p (%p - %p)\n", static_cast<void*>(heap),
+                     reinterpret_cast<void*>(heap->base), reinterpret_cast<void*>(heap_end(heap)));
+        }
+        out.validity_failed();
+        return;
+    }
+    const BlockFacts f(block);
+    if (out.to_log()) {
+        raw_dump(out, range_heap(heap, block), block);
+    }
+    out.line("Common Header : bit fields:  0x%08x\n\n", f.word);
+    out.line("    allocated : %s\n", block->header.allocated ? "Allocated" : "Free");
+    out.line("    orphaned  : %s\n", yes_no(block->header.orphaned));
+    out.line("    debug     : %s\n", yes_no(block->header.debug));
+    out.line("    unused    : %d\n", static_cast<int>(block->header.unused));
+    out.line("    refcount  : %d%s\n", static_cast<int>(block->header.refcount),
+             block->header.refcount == HEAP_REFCOUNT_LOCKED ? ": Node permanently locked" : "");
+    if (out.to_log()) {
+        out.line("\n");
+    } else {
+        out.line("    pc_saved  : %d          \n", static_cast<int>(block->header.pc_saved));
+    }
+    out.line("    offset%s: %8x    : %s Heap Block Magic number \n", out.offset_gap, static_cast<unsigned>(f.offset),
+             f.marked ? "Good" : "Bad ");
+    heap_t* checked = validated_heap(heap, block);
+    if (checked == nullptr) {
+        out.validity_failed();
+        return;
+    }
+    if (out.to_log()) {
+        out.line("    PC       : %p\n", heap_get_pc(f.data));
+        out.bare("\n");
+    }
+    out.line("Heap Block Specific:\n");
+    out.line("    prev          : %p      (Data address %p)\n", static_cast<void*>(block->prev), f.prev_data);
+    if (block->header.allocated) {
+        out.line("    alloc pc      : %p\n", block->x.alloc.allocator.pc);
+        out.line("    alloc heap    : %p\n", static_cast<void*>(block->x.alloc.heap));
+    } else {
+        out.line("    free next     : %p      (Data address %p)\n", static_cast<void*>(block->x.free.links.next),
+                 f.free_next_data);
+        out.line("    free prev     : %p      (Data address %p)\n", static_cast<void*>(block->x.free.links.prev),
+                 f.free_prev_data);
+    }
+    out.line("    size          : %4lld\n", out.size_signed ? static_cast<long long>(static_cast<int>(block->size))
+                                                          : static_cast<long long>(static_cast<unsigned>(block->size)));
+    out.line("    magic         : %4x\n", static_cast<unsigned>(block->magic));
+    out.line("    freelist_id   : %4d\n", static_cast<int>(block->freelist_id));
+    if (!block->header.debug) {
+        return;
+    }
+    out.line("%s%s: TRAILER: Start %p\n", out.trailer_tag, out.trailer_block, static_cast<void*>(f.trailer_start));
+    out.line("%s%s: TRAILER: End   %p\n", out.trailer_tag, out.trailer_block, static_cast<void*>(f.trailer_end));
+    if (!trailer_in_heap(checked, block)) {
+        out.line("%s%s: TRAILER: outside the heap\n", out.trailer_tag, out.trailer_block);
+        return;
+    }
+    if (!trailer_intact_in(checked, block)) {
+        out.line("%s%s: TRAILER: OVERRUN!!!!\n", out.trailer_tag, out.trailer_block);
+        for (int i = 0; i < kGuardWords; ++i) {
+            out.line("%sblock TRAILER dump:       address = %p, data = 0x%08x\n", out.trailer_tag,
+                     static_cast<void*>(f.trailer_start + 4 * i), f.guard_word(i));
+        }
+        out.line("%sblock PC%sdump:       address = %p, data = 0x%08x\n", out.trailer_tag, out.pc_dump_gap,
+                 static_cast<void*>(f.pc_word_addr()), f.pc_word());
+    }
+    if (out.to_log()) {
+        out.line("block: PC: = %p\n", f.trailer_pc());
+    }
 }
 
 }  // namespace
@@ -108,71 +245,7 @@ void heap_block_log(u_int32_t priority, heap_t* heap, heap_block_t* block) {
         return;
     }
     heap_bp_failure();
-    const int prio = static_cast<int>(priority);
-    syslog(prio, "HEAP: \n");
-    syslog(prio, "HEAP: \n");
-    syslog(prio, "HEAP: Heap block: Header Address: %p\n", static_cast<void*>(block));
-    syslog(prio, "HEAP: Heap block: Data   Address: %p\n\n", static_cast<void*>(data_of(block)));
-    if (heap_valid(heap) && !header_in_heap(heap, block)) {
-        syslog(prio, "\nHEAP: ******** FAILED VALIDITY CHECKS **********\n\n");
-        return;
-    }
-    const BlockFacts f(block);
-    heap_t* bound = range_heap(heap, block);
-    log_raw_dump(priority, bound, block);
-    syslog(prio, "HEAP: Common Header : bit fields:  0x%08x\n\n", f.word);
-    syslog(prio, "HEAP:     allocated : %s\n", block->header.allocated ? "Allocated" : "Free");
-    syslog(prio, "HEAP:     orphaned  : %s\n", yes_no(block->header.orphaned));
-    syslog(prio, "HEAP:     debug     : %s\n", yes_no(block->header.debug));
-    syslog(prio, "HEAP:     unused    : %d\n", static_cast<int>(block->header.unused));
-    if (block->header.refcount == HEAP_REFCOUNT_LOCKED) {
-        syslog(prio, "HEAP:     refcount  : %d: Node permanently locked\n", static_cast<int>(block->header.refcount));
-    } else {
-        syslog(prio, "HEAP:     refcount  : %d\n", static_cast<int>(block->header.refcount));
-    }
-    syslog(prio, "HEAP: \n");
-    syslog(prio, "HEAP:     offset    : %8x    : %s Heap Block Magic number \n", static_cast<unsigned>(f.offset),
-           f.marked ? "Good" : "Bad ");
-    heap_t* checked = validated_heap(heap, block);
-    if (checked == nullptr) {
-        syslog(prio, "\nHEAP: ******** FAILED VALIDITY CHECKS **********\n\n");
-        return;
-    }
-    syslog(prio, "HEAP:     PC       : %p\n", heap_get_pc(f.data));
-    syslog(prio, "\n");
-    syslog(prio, "HEAP: Heap Block Specific:\n");
-    syslog(prio, "HEAP:     prev          : %p      (Data address %p)\n", static_cast<void*>(block->prev), f.prev_data);
-    if (block->header.allocated) {
-        syslog(prio, "HEAP:     alloc pc      : %p\n", block->x.alloc.allocator.pc);
-        syslog(prio, "HEAP:     alloc heap    : %p\n", static_cast<void*>(block->x.alloc.heap));
-    } else {
-        syslog(prio, "HEAP:     free next     : %p      (Data address %p)\n",
-               static_cast<void*>(block->x.free.links.next), f.free_next_data);
-        syslog(prio, "HEAP:     free prev     : %p      (Data address %p)\n",
-               static_cast<void*>(block->x.free.links.prev), f.free_prev_data);
-    }
-    syslog(prio, "HEAP:     size          : %4d\n", static_cast<int>(block->size));
-    syslog(prio, "HEAP:     magic         : %4x\n", static_cast<unsigned>(block->magic));
-    syslog(prio, "HEAP:     freelist_id   : %4d\n", static_cast<int>(block->freelist_id));
-    if (!block->header.debug) {
-        return;
-    }
-    syslog(prio, "HEAP: block: TRAILER: Start %p\n", static_cast<void*>(f.trailer_start));
-    syslog(prio, "HEAP: block: TRAILER: End   %p\n", static_cast<void*>(f.trailer_end));
-    if (!trailer_in_heap(checked, block)) {
-        syslog(prio, "HEAP: block: TRAILER: outside the heap\n");
-        return;
-    }
-    if (!trailer_intact_in(checked, block)) {
-        syslog(prio, "HEAP: block: TRAILER: OVERRUN!!!!\n");
-        for (int i = 0; i < kGuardWords; ++i) {
-            syslog(prio, "HEAP: block TRAILER dump:       address = %p, data = 0x%08x\n",
-                   static_cast<void*>(f.trailer_start + 4 * i), f.guard_word(i));
-        }
-        syslog(prio, "HEAP: block PC      dump:       address = %p, data = 0x%08x\n",
-               static_cast<void*>(f.pc_word_addr()), f.pc_word());
-    }
-    syslog(prio, "HEAP: block: PC: = %p\n", f.trailer_pc());
+    block_report(log_sink(priority), heap, block);
 }
 
 void heap_show_block(heap_t* heap, void* raw_block) {
@@ -183,65 +256,7 @@ void heap_show_block(heap_t* heap, void* raw_block) {
     if (raw_block == nullptr) {
         return;
     }
-    heap_block_t* block = block_of(raw_block);
-    parser_printf("\n\n");
-    parser_printf("Heap block: Header Address: %p\n", static_cast<void*>(block));
-    parser_printf("Heap block: Data   Address: %p\n\n", raw_block);
-    // An operator may type any address: nothing outside the range is read.
-    if (!header_in_heap(heap, block)) {
-        parser_printf("Not a block of heap %p (%p - %p)\n", static_cast<void*>(heap),
-                      reinterpret_cast<void*>(heap->base), reinterpret_cast<void*>(heap_end(heap)));
-        parser_printf("\n******** FAILED VALIDITY CHECKS **********\n\n");
-        return;
-    }
-    const BlockFacts f(block);
-    parser_printf("Common Header : bit fields:  0x%08x\n\n", f.word);
-    parser_printf("    allocated : %s\n", block->header.allocated ? "Allocated" : "Free");
-    parser_printf("    orphaned  : %s\n", yes_no(block->header.orphaned));
-    parser_printf("    debug     : %s\n", yes_no(block->header.debug));
-    parser_printf("    unused    : %d\n", static_cast<int>(block->header.unused));
-    parser_printf("    refcount  : %d", static_cast<int>(block->header.refcount));
-    parser_printf(block->header.refcount == HEAP_REFCOUNT_LOCKED ? ": Node permanently locked\n" : "\n");
-    parser_printf("    pc_saved  : %d          ", static_cast<int>(block->header.pc_saved));
-    parser_printf("\n");
-    parser_printf("    offset   : %8x", static_cast<unsigned>(f.offset));
-    parser_printf("    : %s Heap Block Magic number \n", f.marked ? "Good" : "Bad ");
-    if (heap_block_validate(heap, block, FALSE, FALSE) != 0) {
-        parser_printf("\n******** FAILED VALIDITY CHECKS **********\n\n");
-        return;
-    }
-    parser_printf("Heap Block Specific:\n");
-    parser_printf("    prev          : %p      (Data address %p)\n", static_cast<void*>(block->prev), f.prev_data);
-    if (block->header.allocated) {
-        parser_printf("    alloc pc      : %p\n", block->x.alloc.allocator.pc);
-        parser_printf("    alloc heap    : %p\n", static_cast<void*>(block->x.alloc.heap));
-    } else {
-        parser_printf("    free next     : %p      (Data address %p)\n", static_cast<void*>(block->x.free.links.next),
-                      f.free_next_data);
-        parser_printf("    free prev     : %p      (Data address %p)\n", static_cast<void*>(block->x.free.links.prev),
-                      f.free_prev_data);
-    }
-    parser_printf("    size          : %4u\n", static_cast<unsigned>(block->size));
-    parser_printf("    magic         : %4x\n", static_cast<unsigned>(block->magic));
-    parser_printf("    freelist_id   : %4d\n", static_cast<int>(block->freelist_id));
-    if (!block->header.debug) {
-        return;
-    }
-    parser_printf("HEAP: heap block: TRAILER: Start %p\n", static_cast<void*>(f.trailer_start));
-    parser_printf("HEAP: heap block: TRAILER: End   %p\n", static_cast<void*>(f.trailer_end));
-    if (!trailer_in_heap(heap, block)) {
-        parser_printf("HEAP: heap block: TRAILER: outside the heap\n");
-        return;
-    }
-    if (!trailer_intact_in(heap, block)) {
-        parser_printf("HEAP: heap block: TRAILER: OVERRUN!!!!\n");
-        for (int i = 0; i < kGuardWords; ++i) {
-            parser_printf("HEAP: block TRAILER dump:       address = %p, data = 0x%08x\n",
-                          static_cast<void*>(f.trailer_start + 4 * i), f.guard_word(i));
-        }
-        parser_printf("HEAP: block PC       dump:       address = %p, data = 0x%08x\n",
-                      static_cast<void*>(f.pc_word_addr()), f.pc_word());
-    }
+    block_report(kTerminalSink, heap, block_of(raw_block));
 }
 
 }  // extern "C"

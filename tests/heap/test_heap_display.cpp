@@ -98,4 +98,41 @@ TEST(HeapShowBlock, ExactDisplayOfEachKindOfBlock) {
     EXPECT_EQ(cap.text(), fmt("\n\nHeap bad: %p\n\n", static_cast<void*>(&bcm_sdk_heap)));
 }
 
+// The trailer lines, each destination in its own spelling: a free block
+// whose debug bit is set passes validation with a trailer that is not intact
+// (the free hook filled it with 0xdeadbeef).
+TEST(HeapBlockReports, TrailerLinesOfTheLogAndOfTheDisplay) {
+    heap_t* heap = make_heap(65536);
+    void* p = heap_malloc(heap, 64);
+    heap_malloc(heap, 16);
+    heap_free(heap, p);
+    heap_block_t* b = hdr(p);
+    b->header.debug = 1;
+    auto* guard = static_cast<u_int8_t*>(p) + b->size - 16 - sizeof(void*);
+    std::vector<std::string> log = {fmt("HEAP: block: TRAILER: Start %p\n", guard),
+                                    fmt("HEAP: block: TRAILER: End   %p\n", guard + 15), "HEAP: block: TRAILER: OVERRUN!!!!\n"};
+    std::string display = "HEAP: heap" + log[0].substr(5) + "HEAP: heap" + log[1].substr(5) + "HEAP: heap" + log[2].substr(5);
+    for (int i = 0; i < 16; i += 4) {
+        log.push_back(fmt("HEAP: block TRAILER dump:       address = %p, data = 0xdeadbeef\n", guard + i));
+        display += log.back();
+    }
+    log.push_back(fmt("HEAP: block PC      dump:       address = %p, data = 0xdeadbeef\n", guard + 16));
+    display += fmt("HEAP: block PC       dump:       address = %p, data = 0xdeadbeef\n", guard + 16);
+    log.push_back(fmt("HEAP: block: PC: = %p\n", *reinterpret_cast<void**>(guard + 16)));
+    const auto lines = block_log_of(heap, b);
+    EXPECT_EQ(std::vector<std::string>(lines.end() - 9, lines.end()), log);
+    CliCapture cap;
+    heap_show_block(heap, p);
+    EXPECT_TRUE(cap.text().ends_with(display)) << cap.text();
+    b->size = 0x80000010u;  // the trailer lies outside the range; the log reads the size signed
+    const auto outside = block_log_of(heap, b);
+    EXPECT_EQ(std::tuple(outside.rbegin()[5], outside.back()),
+              std::tuple("HEAP:     size          : -2147483632\n", "HEAP: block: TRAILER: outside the heap\n"));
+    cap.clear();
+    heap_show_block(heap, p);
+    EXPECT_TRUE(has(cap.text(), "    size          : 2147483664\n") &&
+                cap.text().ends_with("\nHEAP: heap block: TRAILER: outside the heap\n"))
+        << cap.text();
+}
+
 }  // namespace
