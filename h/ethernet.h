@@ -61,6 +61,7 @@ CORVEX_API int lldp_cb_pe_tlv_present(unsigned char* rx_buf, int rx_buf_len);
 #define ETHER_802_ETAG_TPID 0x893Fu /* EtherType of an E-tag */
 #define ETHER_802_ETAG_BYTES 8      /* E-tag on the wire */
 #define ETHER_VLAN_TAG_BYTES 4      /* VLAN tag on the wire */
+#define ETHER_VLAN_PCP_SHIFT 13     /* in a VLAN tag's TCI: PCP(3) DEI(1) VID(12) */
 
 /*
  * An E-tag as exchanged with callers: the three 16-bit words in host byte
@@ -75,6 +76,45 @@ typedef struct ether_802_etag_ {
     u_int8_t etag_ecid_ext;         /* E-CID_ext */
     u_int8_t data[];
 } ether_802_etag_t;
+
+/*
+ * The fields inside the E-tag's 16-bit words (IEEE 802.1BR), named once for
+ * callers that compose and take apart ether_802_etag_t:
+ *   etag_pd_ig_ecid_base: E-PCP(3) E-DEI(1) Ingress_E-CID_base(12)
+ *   etag_grp_ecid_base:   reserved(2) GRP(2) E-CID_base(12)
+ * An E-CID as one number has E-CID_ext (8 bits) above GRP and E-CID_base,
+ * 0 to ETHER_802_ECID_MAX; it is multicast when its GRP is not 0. An
+ * Ingress E-CID, unicast by nature, is numbered alike with GRP 0.
+ */
+#define ETHER_802_ETAG_PCP_SHIFT 13 /* E-PCP */
+#define ETHER_802_ETAG_RESERVED 0xC000u
+#define ETHER_802_ETAG_GRP 0x3000u
+#define ETHER_802_ETAG_ECID_BASE 0x0FFFu /* E-CID_base and Ingress_E-CID_base */
+#define ETHER_802_ECID_EXT_SHIFT 14
+#define ETHER_802_ECID_MAX 0x3FFFFFu
+
+static inline int ether_802_ecid_is_multicast(u_int32_t ecid) {
+    return (ecid & ETHER_802_ETAG_GRP) != 0;
+}
+
+/* The E-tag's E-CID as one number. */
+static inline u_int32_t ether_802_etag_ecid(const ether_802_etag_t* etag) {
+    return ((u_int32_t)etag->etag_ecid_ext << ETHER_802_ECID_EXT_SHIFT) |
+           (etag->etag_grp_ecid_base & (ETHER_802_ETAG_GRP | ETHER_802_ETAG_ECID_BASE));
+}
+
+/* The E-tag's Ingress E-CID as one number. */
+static inline u_int32_t ether_802_etag_ingress_ecid(const ether_802_etag_t* etag) {
+    return ((u_int32_t)etag->etag_igr_ecid_ext << ETHER_802_ECID_EXT_SHIFT) |
+           (etag->etag_pd_ig_ecid_base & ETHER_802_ETAG_ECID_BASE);
+}
+
+/* Sets GRP, E-CID_base and E-CID_ext from ecid; the reserved bits stay. */
+static inline void ether_802_etag_ecid_set(ether_802_etag_t* etag, u_int32_t ecid) {
+    etag->etag_grp_ecid_base = (u_int16_t)((etag->etag_grp_ecid_base & ETHER_802_ETAG_RESERVED) |
+                                           (ecid & (ETHER_802_ETAG_GRP | ETHER_802_ETAG_ECID_BASE)));
+    etag->etag_ecid_ext = (u_int8_t)(ecid >> ETHER_802_ECID_EXT_SHIFT);
+}
 
 /*
  * Tags are inserted by moving the 12 address bytes back into the headroom

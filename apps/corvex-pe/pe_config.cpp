@@ -99,7 +99,7 @@ int statement_read(const Reader& reader, Draft& draft, char** words, int n) {
         pe_port_t& port = draft.ports[draft.nports];
         port = pe_port_t{};
         if (name_set(reader, draft, port, words[1]) != 0) return -1;
-        if (!number_parse(words[2], PE_ECID_MAX, &value) || value == 0 || pe_ecid_is_multicast(value))
+        if (!number_parse(words[2], ETHER_802_ECID_MAX, &value) || value == 0 || ether_802_ecid_is_multicast(value))
             return reader.fail("not a unicast E-CID", words[2]);
         if (draft.ecid_taken(value)) return reader.fail("E-CID used twice", words[2]);
         port.ecid = static_cast<pe_ecid_t>(value);
@@ -109,7 +109,7 @@ int statement_read(const Reader& reader, Draft& draft, char** words, int n) {
             if (!number_parse(words[5], 4094, &value) || value == 0) return reader.fail("not a VLAN ID", words[5]);
             if (n == 7 && !number_parse(words[6], 7, &pcp)) return reader.fail("not a priority", words[6]);
             port.vlan = PE_VLAN_ADD;
-            port.vlan_tci = static_cast<uint16_t>(pcp << 13 | value);
+            port.vlan_tci = static_cast<uint16_t>(pcp << ETHER_VLAN_PCP_SHIFT | value);
         }
         ++draft.nports;
         return 0;
@@ -118,7 +118,7 @@ int statement_read(const Reader& reader, Draft& draft, char** words, int n) {
         if (n < 3) return reader.fail("expected: group E-CID PORT...", nullptr);
         if (n - 2 > static_cast<int>(PE_PORTS_MAX)) return reader.fail("too many members", words[1]);
         if (draft.ngroups == kGroupsMax) return reader.fail("too many groups", words[1]);
-        if (!number_parse(words[1], PE_ECID_MAX, &value) || !pe_ecid_is_multicast(value))
+        if (!number_parse(words[1], ETHER_802_ECID_MAX, &value) || !ether_802_ecid_is_multicast(value))
             return reader.fail("not a multicast E-CID", words[1]);
         if (draft.ecid_taken(value)) return reader.fail("E-CID used twice", words[1]);
         // Members are resolved at the end, so groups may come before their ports.

@@ -6,16 +6,14 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "ethernet.h"
 #include "heap.h"
 
-// An E-CID as one number: E-CID_ext (8 bits) above GRP (2 bits) above
-// E-CID_base (12 bits). GRP non-zero makes it a multicast E-CID.
+// An E-CID as one number, as ethernet.h numbers them (0 to
+// ETHER_802_ECID_MAX, multicast when ether_802_ecid_is_multicast).
 using pe_ecid_t = uint32_t;
-constexpr pe_ecid_t PE_ECID_MAX = 0x3FFFFF;
 constexpr unsigned PE_PORTS_MAX = 64;
 constexpr unsigned PE_NAME_MAX = 16;
-
-inline bool pe_ecid_is_multicast(pe_ecid_t ecid) { return ((ecid >> 12) & 3) != 0; }
 
 // What an extended port does to the VLAN tag of the frames it receives.
 enum pe_vlan_action : uint8_t { PE_VLAN_KEEP, PE_VLAN_STRIP, PE_VLAN_ADD };

@@ -56,14 +56,12 @@ void from_upstream(pe_forwarder_t* forwarder, unsigned in_port, packet_t* packet
     if (packet->length < kEtherHeader + ETHER_802_ETAG_BYTES) return drop(forwarder, in_port, PE_DROP_SHORT);
     ether_802_etag_t etag;
     packet_etag_remove(packet, &etag);
-    if ((etag.etag_grp_ecid_base & 0xC000) != 0) return drop(forwarder, in_port, PE_DROP_MALFORMED);
-    const pe_ecid_t ecid = static_cast<pe_ecid_t>(etag.etag_ecid_ext) << 14 | etag.etag_grp_ecid_base;
-    if (pe_ecid_is_multicast(ecid)) {
+    if ((etag.etag_grp_ecid_base & ETHER_802_ETAG_RESERVED) != 0) return drop(forwarder, in_port, PE_DROP_MALFORMED);
+    const pe_ecid_t ecid = ether_802_etag_ecid(&etag);
+    if (ether_802_ecid_is_multicast(ecid)) {
         const pe_group_t* group = pe_config_group_by_ecid(forwarder->config, ecid);
         if (group == nullptr) return drop(forwarder, in_port, PE_DROP_UNKNOWN_ECID);
-        const pe_ecid_t ingress = static_cast<pe_ecid_t>(etag.etag_igr_ecid_ext) << 14 |
-                                  (etag.etag_pd_ig_ecid_base & 0x0FFF);
-        return replicate(forwarder, in_port, packet, group, ingress);
+        return replicate(forwarder, in_port, packet, group, ether_802_etag_ingress_ecid(&etag));
     }
     const int port = pe_config_port_by_ecid(forwarder->config, ecid);
     if (port < 0) return drop(forwarder, in_port, PE_DROP_UNKNOWN_ECID);
@@ -74,12 +72,9 @@ void from_extended(pe_forwarder_t* forwarder, unsigned in_port, packet_t* packet
     const pe_port_t& port = forwarder->config->ports[in_port];
     const uint16_t type = be16(packet->frame_start + 12);
     if (type == ETHER_802_ETAG_TPID) return drop(forwarder, in_port, PE_DROP_TAGGED_EXTENDED);
-    ether_802_etag_t etag;
+    ether_802_etag_t etag{};  // Ingress_E-CID 0: the frame enters the bridge here
     etag.etag_tpid = ETHER_802_ETAG_TPID;
-    etag.etag_pd_ig_ecid_base = 0;  // Ingress_E-CID 0: the frame enters the bridge here
-    etag.etag_grp_ecid_base = static_cast<uint16_t>(port.ecid & 0x3FFF);
-    etag.etag_igr_ecid_ext = 0;
-    etag.etag_ecid_ext = static_cast<uint8_t>(port.ecid >> 14);
+    ether_802_etag_ecid_set(&etag, port.ecid);
     int inserted = 0;
     if (port.vlan == PE_VLAN_ADD && type != kTypeVlan) {
         inserted = packet_etag_vlan_tag_insert(packet, &etag, kTypeVlan, port.vlan_tci);

@@ -18,12 +18,30 @@ def mac(n):
     return bytes([0x02, 0, 0, 0, (n >> 8) & 0xFF, n & 0xFF])
 
 
+def ecid_fields(ecid):
+    """E-CID_ext, GRP and E-CID_base of an E-CID numbered as one number
+    (8:2:12 bits, as corvex-pe and ethernet.h number them); GRP is not 0
+    for a multicast E-CID."""
+    return ecid >> 14 & 0xFF, ecid >> 12 & 3, ecid & 0xFFF
+
+
 def etag(ecid, ingress_ecid=0, pcp=0, reserved=0):
-    """The 8 wire bytes of an E-tag. E-CIDs are E-CID_ext:GRP:E-CID_base
-    (8:2:12 bits); the ingress E-CID is Ingress_E-CID_ext:base (8:12, the
-    two bits between them ignored)."""
-    return struct.pack(">HHHBB", ETAG_TPID, pcp << 13 | ingress_ecid & 0xFFF,
-                       reserved << 14 | ecid & 0x3FFF, ingress_ecid >> 14 & 0xFF, ecid >> 14 & 0xFF)
+    """The 8 wire bytes of an E-tag. The ingress E-CID is numbered alike,
+    its GRP bits ignored. Fields in the E-tag's words: E-PCP(3) E-DEI(1)
+    Ingress_E-CID_base(12), then reserved(2) GRP(2) E-CID_base(12)."""
+    ext, grp, base = ecid_fields(ecid)
+    ingress_ext, _, ingress_base = ecid_fields(ingress_ecid)
+    return struct.pack(">HHHBB", ETAG_TPID, pcp << 13 | ingress_base, reserved << 14 | grp << 12 | base,
+                       ingress_ext, ext)
+
+
+def frame_ecid(data):
+    """The E-CID of the frame's E-tag as one number, or None when the frame
+    carries no E-tag after its addresses."""
+    if len(data) < 20 or data[12:14] != struct.pack(">H", ETAG_TPID):
+        return None
+    _, _, grp_base, _, ext = struct.unpack(">HHHBB", data[12:20])
+    return ext << 14 | grp_base & 0x3FFF
 
 
 def vlan(vid, pcp=0):

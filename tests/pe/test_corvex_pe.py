@@ -158,7 +158,7 @@ def files_test(program):
 
         # Every frame that got a packet, and every copy, was a get and a return.
         gets = sum(1 for r in rows if 14 <= len(r["data"]) <= 9216 and r["wire"] is None)
-        clones = sum(len(r["out"]) for r in rows if r["data"][12:14] == b"\x89\x3f" and r["data"][16] & 0x30)
+        clones = sum(len(r["out"]) for r in rows if f.ecid_fields(f.frame_ecid(r["data"]) or 0)[1])
         for label, value in [("get requests", gets + clones), ("returns", gets + clones),
                              ("clone returns", clones), ("active", 0)]:
             check(re.search(r"^ +%d %s$" % (value, label), result.stdout, re.M), "%s not %d" % (label, value))
@@ -180,7 +180,7 @@ def tshark_check(path, rows):
             ecid = ECID[row["port"]]
             vid = "100" if row["port"] == "b" and row["data"][12:14] != b"\x81\x00" else \
                 "9" if row["data"][12:14] == b"\x81\x00" and row["port"] != "c" else ""
-            want.append("0x%02x\t0\t0x%04x\t0x0000\t%s" % (ecid >> 14, ecid & 0xFFF, vid))
+            want.append("0x%02x\t%d\t0x%04x\t0x0000\t%s" % (f.ecid_fields(ecid) + (vid,)))
     check(result.stdout.splitlines() == want, "tshark decoded:\n%s\nexpected:\n%s" % (result.stdout, "\n".join(want)))
 
 
