@@ -75,6 +75,27 @@ struct Draft {
     }
 };
 
+// The words of one statement after its keyword, taken from the front.
+class Words {
+public:
+    Words(char** words, int count) : words_(words), count_(count) {}
+    // The next word, or null when none is left.
+    const char* take() { return next_ < count_ ? words_[next_++] : nullptr; }
+    // Takes the next word when it is `keyword`.
+    bool take(const char* keyword) {
+        if (next_ == count_ || strcmp(words_[next_], keyword) != 0) return false;
+        ++next_;
+        return true;
+    }
+    int left() const { return count_ - next_; }
+
+private:
+    char** words_;
+    int count_;
+    int next_ = 0;
+};
+
+// The name rules: shorter than PE_NAME_MAX, and one port a name.
 int name_set(const Reader& reader, Draft& draft, pe_port_t& port, const char* name) {
     if (strlen(name) >= PE_NAME_MAX) return reader.fail("port name too long", name);
     if (draft.port_index(name) >= 0) return reader.fail("port named twice", name);
@@ -82,55 +103,108 @@ int name_set(const Reader& reader, Draft& draft, pe_port_t& port, const char* na
     return 0;
 }
 
-int statement_read(const Reader& reader, Draft& draft, char** words, int n) {
+// The E-CID rules: one E-CID a port or group, unicast for a port and
+// multicast for a group.
+int ecid_read(const Reader& reader, const Draft& draft, const char* word, bool multicast, pe_ecid_t* ecid) {
     unsigned long value = 0;
-    if (strcmp(words[0], "upstream") == 0) {
-        if (n != 2) return reader.fail("expected: upstream NAME", nullptr);
-        if (draft.have_upstream) return reader.fail("second upstream port", words[1]);
-        if (name_set(reader, draft, draft.ports[0], words[1]) != 0) return -1;
-        draft.have_upstream = true;
-        return 0;
-    }
-    if (strcmp(words[0], "port") == 0) {
-        if (n != 3 && !(n == 5 && strcmp(words[3], "vlan") == 0 && strcmp(words[4], "strip") == 0) &&
-            !((n == 6 || n == 7) && strcmp(words[3], "vlan") == 0 && strcmp(words[4], "add") == 0))
-            return reader.fail("expected: port NAME E-CID [vlan strip | vlan add VID [PCP]]", nullptr);
-        if (draft.nports == PE_PORTS_MAX) return reader.fail("too many ports", words[1]);
-        pe_port_t& port = draft.ports[draft.nports];
-        port = pe_port_t{};
-        if (name_set(reader, draft, port, words[1]) != 0) return -1;
-        if (!number_parse(words[2], ETHER_802_ECID_MAX, &value) || value == 0 || ether_802_ecid_is_multicast(value))
-            return reader.fail("not a unicast E-CID", words[2]);
-        if (draft.ecid_taken(value)) return reader.fail("E-CID used twice", words[2]);
-        port.ecid = static_cast<pe_ecid_t>(value);
-        if (n == 5) port.vlan = PE_VLAN_STRIP;
-        if (n >= 6) {
-            unsigned long pcp = 0;
-            if (!number_parse(words[5], 4094, &value) || value == 0) return reader.fail("not a VLAN ID", words[5]);
-            if (n == 7 && !number_parse(words[6], 7, &pcp)) return reader.fail("not a priority", words[6]);
+    if (!number_parse(word, ETHER_802_ECID_MAX, &value) || (!multicast && value == 0) ||
+        ether_802_ecid_is_multicast(static_cast<pe_ecid_t>(value)) != multicast)
+        return reader.fail(multicast ? "not a multicast E-CID" : "not a unicast E-CID", word);
+    if (draft.ecid_taken(static_cast<pe_ecid_t>(value))) return reader.fail("E-CID used twice", word);
+    *ecid = static_cast<pe_ecid_t>(value);
+    return 0;
+}
+
+// upstream NAME
+int upstream_read(const Reader& reader, Draft& draft, Words& words) {
+    const char* name = words.take();
+    if (name == nullptr || words.left() != 0) return reader.fail("expected: upstream NAME", nullptr);
+    if (draft.have_upstream) return reader.fail("second upstream port", name);
+    if (name_set(reader, draft, draft.ports[0], name) != 0) return -1;
+    draft.have_upstream = true;
+    return 0;
+}
+
+// The words of a port statement, in their places; the whole statement is
+// taken apart before any word is judged.
+struct PortWords {
+    const char* name = nullptr;
+    const char* ecid = nullptr;
+    pe_vlan_action vlan = PE_VLAN_KEEP;
+    const char* vid = nullptr;
+    const char* pcp = nullptr;  // may be left out after the VID
+};
+
+bool port_words_take(Words& words, PortWords& port) {
+    port.name = words.take();
+    port.ecid = words.take();
+    if (port.ecid == nullptr) return false;
+    if (words.take("vlan")) {
+        if (words.take("strip")) {
+            port.vlan = PE_VLAN_STRIP;
+        } else if (words.take("add") && (port.vid = words.take()) != nullptr) {
             port.vlan = PE_VLAN_ADD;
-            port.vlan_tci = static_cast<uint16_t>(pcp << ETHER_VLAN_PCP_SHIFT | value);
+            port.pcp = words.take();
+        } else {
+            return false;
         }
-        ++draft.nports;
-        return 0;
     }
-    if (strcmp(words[0], "group") == 0) {
-        if (n < 3) return reader.fail("expected: group E-CID PORT...", nullptr);
-        if (n - 2 > static_cast<int>(PE_PORTS_MAX)) return reader.fail("too many members", words[1]);
-        if (draft.ngroups == kGroupsMax) return reader.fail("too many groups", words[1]);
-        if (!number_parse(words[1], ETHER_802_ECID_MAX, &value) || !ether_802_ecid_is_multicast(value))
-            return reader.fail("not a multicast E-CID", words[1]);
-        if (draft.ecid_taken(value)) return reader.fail("E-CID used twice", words[1]);
-        // Members are resolved at the end, so groups may come before their ports.
-        const unsigned g = draft.ngroups++;
-        draft.groups[g] = pe_group_t{static_cast<pe_ecid_t>(value), 0};
-        draft.group_line[g] = reader.line;
-        draft.nmembers[g] = static_cast<unsigned>(n - 2);
-        for (int i = 2; i < n; ++i) {
-            if (strlen(words[i]) >= PE_NAME_MAX) return reader.fail("no such port", words[i]);
-            strcpy(draft.member_names[g][i - 2], words[i]);
+    return words.left() == 0;
+}
+
+// port NAME E-CID [vlan strip | vlan add VID [PCP]]
+int port_read(const Reader& reader, Draft& draft, Words& words) {
+    PortWords given;
+    if (!port_words_take(words, given))
+        return reader.fail("expected: port NAME E-CID [vlan strip | vlan add VID [PCP]]", nullptr);
+    if (draft.nports == PE_PORTS_MAX) return reader.fail("too many ports", given.name);
+    pe_port_t& port = draft.ports[draft.nports];
+    port = pe_port_t{};
+    if (name_set(reader, draft, port, given.name) != 0) return -1;
+    if (ecid_read(reader, draft, given.ecid, false, &port.ecid) != 0) return -1;
+    port.vlan = given.vlan;
+    if (given.vlan == PE_VLAN_ADD) {
+        unsigned long vid = 0, pcp = 0;
+        if (!number_parse(given.vid, 4094, &vid) || vid == 0) return reader.fail("not a VLAN ID", given.vid);
+        if (given.pcp != nullptr && !number_parse(given.pcp, 7, &pcp)) return reader.fail("not a priority", given.pcp);
+        port.vlan_tci = static_cast<uint16_t>(pcp << ETHER_VLAN_PCP_SHIFT | vid);
+    }
+    ++draft.nports;
+    return 0;
+}
+
+// group E-CID PORT...
+int group_read(const Reader& reader, Draft& draft, Words& words) {
+    const char* ecid = words.take();
+    if (ecid == nullptr || words.left() == 0) return reader.fail("expected: group E-CID PORT...", nullptr);
+    if (words.left() > static_cast<int>(PE_PORTS_MAX)) return reader.fail("too many members", ecid);
+    if (draft.ngroups == kGroupsMax) return reader.fail("too many groups", ecid);
+    pe_group_t group{};
+    if (ecid_read(reader, draft, ecid, true, &group.ecid) != 0) return -1;
+    // Members are resolved at the end, so groups may come before their ports.
+    const unsigned g = draft.ngroups++;
+    draft.groups[g] = group;
+    draft.group_line[g] = reader.line;
+    draft.nmembers[g] = 0;
+    while (const char* member = words.take()) {
+        if (strlen(member) >= PE_NAME_MAX) return reader.fail("no such port", member);
+        strcpy(draft.member_names[g][draft.nmembers[g]++], member);
+    }
+    return 0;
+}
+
+struct Statement {
+    const char* keyword;
+    int (*read)(const Reader& reader, Draft& draft, Words& words);
+};
+constexpr Statement kStatements[] = {{"upstream", upstream_read}, {"port", port_read}, {"group", group_read}};
+
+int statement_read(const Reader& reader, Draft& draft, char** words, int n) {
+    for (const Statement& statement : kStatements) {
+        if (strcmp(words[0], statement.keyword) == 0) {
+            Words rest(words + 1, n - 1);
+            return statement.read(reader, draft, rest);
         }
-        return 0;
     }
     return reader.fail("unknown statement", words[0]);
 }
