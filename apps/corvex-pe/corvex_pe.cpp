@@ -32,7 +32,6 @@
 namespace {
 
 constexpr char kName[] = "corvex-pe";
-constexpr unsigned kHeaps = 4;  // the three exported heaps and the packet buffers
 
 volatile sig_atomic_t interrupted = 0;
 
@@ -183,22 +182,34 @@ int commands_run(const Options& options) {
 
 boolean block_pass(heap_t*, heap_block_t*, heap_walk_arg_t*) { return TRUE; }
 
+struct HeapAtStart {
+    heap_t* heap;
+    size_t free_bytes;
+};
+
+// Every heap of the host, as host_setup_heaps names them, with its free bytes now.
+std::vector<HeapAtStart> heaps_note() {
+    std::vector<HeapAtStart> heaps;
+    for (const host_setup_heap_t* host = host_setup_heaps; host->name != nullptr; ++host)
+        heaps.push_back({host->heap, heap_get_free_bytes(host->heap)});
+    return heaps;
+}
+
 // After the forwarding tables are given back, every heap must walk clean
 // and hold the free bytes it had before the traffic.
-bool heaps_check(const size_t (&startup_free)[kHeaps]) {
+bool heaps_check(const std::vector<HeapAtStart>& at_start) {
     bool clean = true;
-    for (unsigned id = 0; id < kHeaps; ++id) {
-        heap_t* heap = heap_find_by_id(id);
+    for (const HeapAtStart& start : at_start) {
         heap_walk_arg_t arg{};
-        const status_t walk = heap_walk(heap, block_pass, &arg);
-        const size_t free_bytes = heap_get_free_bytes(heap);
-        if (walk != 0 || free_bytes != startup_free[id]) {
-            printf("Heap %u %s: walk status %d, %zu free bytes, %zu at start-up\n", id, heap->name,
-                   static_cast<int>(walk), free_bytes, startup_free[id]);
+        const status_t walk = heap_walk(start.heap, block_pass, &arg);
+        const size_t free_bytes = heap_get_free_bytes(start.heap);
+        if (walk != 0 || free_bytes != start.free_bytes) {
+            printf("Heap %u %s: walk status %d, %zu free bytes, %zu at start-up\n", start.heap->id, start.heap->name,
+                   static_cast<int>(walk), free_bytes, start.free_bytes);
             clean = false;
         }
     }
-    if (clean) printf("Heaps at exit: %u walk clean, free bytes as at start-up\n", kHeaps);
+    if (clean) printf("Heaps at exit: %zu walk clean, free bytes as at start-up\n", at_start.size());
     return clean;
 }
 
@@ -213,8 +224,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (host_setup_start(kName) != 0) return 3;
-    size_t startup_free[kHeaps];
-    for (unsigned id = 0; id < kHeaps; ++id) startup_free[id] = heap_get_free_bytes(heap_find_by_id(id));
+    const std::vector<HeapAtStart> startup = heaps_note();
 
     // The forwarding tables live in the first heap, as the device's own do.
     pe_config_t config{};
@@ -243,6 +253,6 @@ int main(int argc, char** argv) {
 
     const int failures = commands_run(options);
     pe_config_release(&config);
-    const bool clean = heaps_check(startup_free);
+    const bool clean = heaps_check(startup);
     return failures == 0 && clean ? 0 : 1;
 }

@@ -12,20 +12,7 @@
 
 namespace {
 
-struct HeapRegion {
-    heap_t* heap;
-    const char* name;
-    size_t bytes;
-};
-
-// Created in this order, so their IDs are 0, 1, 2 and 3.
 heap_t packet_heap;
-const HeapRegion kRegions[] = {
-    {&bcm_sdk_heap, "bcm_sdk", 1 << 20},
-    {&io_mem_heap, "io_mem", 256 << 10},
-    {&dma_desc_heap, "dma_desc", 64 << 10},
-    {&packet_heap, "packet_buffers", 1 << 20},
-};
 
 // Rows from the largest frame size to the smallest, so each request gets
 // the smallest sheaf that fits; "clone" is the pool of clone headers.
@@ -96,16 +83,24 @@ void packets_receive() {
 
 }  // namespace
 
+extern "C" const host_setup_heap_t host_setup_heaps[] = {
+    {"bcm_sdk", &bcm_sdk_heap, 1 << 20},
+    {"io_mem", &io_mem_heap, 256 << 10},
+    {"dma_desc", &dma_desc_heap, 64 << 10},
+    {"packet_buffers", &packet_heap, 1 << 20},
+    {nullptr, nullptr, 0},
+};
+
 extern "C" int host_setup_start(const char* app_name) {
     time_init_startup_time();
     thread_register(app_name, "cli");
-    for (const HeapRegion& region : kRegions) {
+    for (const host_setup_heap_t* region = host_setup_heaps; region->name != nullptr; ++region) {
         // The memory belongs to the heap for the life of the process.
-        void* memory = aligned_alloc(64, region.bytes);
+        void* memory = aligned_alloc(64, region->bytes);
         const auto first = reinterpret_cast<uintptr_t>(memory);
-        if (memory == nullptr || heap_create(region.heap, first, first + region.bytes,
-                                             const_cast<char*>(region.name)) != 0) {
-            fprintf(stderr, "%s: cannot create heap %s over %zu bytes\n", app_name, region.name, region.bytes);
+        if (memory == nullptr || heap_create(region->heap, first, first + region->bytes,
+                                             const_cast<char*>(region->name)) != 0) {
+            fprintf(stderr, "%s: cannot create heap %s over %zu bytes\n", app_name, region->name, region->bytes);
             return -1;
         }
     }
