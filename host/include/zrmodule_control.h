@@ -40,6 +40,17 @@ const char* zrmodule_timer_name(const zrmodule_timer* timer);
 void* zrmodule_timer_context(const zrmodule_timer* timer);
 unsigned long zrmodule_timer_calls(const zrmodule_timer* timer);
 
+/*
+ * The clock of every module's timers: the monotonic clock, until a test
+ * holds it. From zrmodule_clock_hold on, time stands still for the timers
+ * except when zrmodule_clock_advance moves it on by the microseconds given;
+ * advance returns once every running task has made the calls that fell due
+ * by the new time (and they have returned). Advance from outside the tasks,
+ * while no module is being destroyed.
+ */
+void zrmodule_clock_hold(void);
+void zrmodule_clock_advance(unsigned long microseconds);
+
 #ifdef __cplusplus
 }
 #endif

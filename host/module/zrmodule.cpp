@@ -52,6 +52,8 @@ struct _zrmodule {
     std::condition_variable wake;
     std::vector<std::unique_ptr<zrmodule_timer>> timers;  // never shrinks while the task runs
     TaskState state = TaskState::idle;
+    std::condition_variable settled;
+    unsigned long settled_generation = 0;  // of the held clock: no call was due then
     bool thread_started = false;  // a thread exists that destroy must join
     bool stop_requested = false;
     bool quit_requested = false;
@@ -76,6 +78,32 @@ Registry& registry() {
 
 thread_local zrmodule* current_module = nullptr;
 std::atomic<int> last_quit_code{-1};
+
+// The clock the timers follow: the monotonic clock, or one a test holds
+// and moves by hand. Each move is a new generation.
+struct HeldClock {
+    std::mutex lock;
+    bool held = false;
+    Clock::time_point now{};
+    unsigned long generation = 0;
+};
+
+HeldClock& held_clock() {
+    static HeldClock* instance = new HeldClock;  // tasks may read it while the process exits
+    return *instance;
+}
+
+struct ClockReading {
+    Clock::time_point now;
+    bool held;
+    unsigned long generation;
+};
+
+ClockReading clock_read() {
+    HeldClock& clock = held_clock();
+    std::lock_guard guard(clock.lock);
+    return clock.held ? ClockReading{clock.now, true, clock.generation} : ClockReading{Clock::now(), false, 0};
+}
 
 // A caller's duration in microseconds; -1 when negative or too long.
 int64_t duration_micros(const utime_t& value) {
@@ -112,7 +140,7 @@ void advance(zrmodule_timer& timer) {
         return;
     }
     timer.deadline += timer.period;
-    const auto now = Clock::now();
+    const auto now = clock_read().now;
     if (timer.deadline <= now) {
         timer.deadline += timer.period * ((now - timer.deadline) / timer.period + 1);
     }
@@ -131,9 +159,15 @@ void* run_task(void* argument) {
     std::unique_lock guard(module.lock);
     while (!module.stop_requested && !module.quit_requested) {
         zrmodule_timer* timer = earliest_due(module);
-        if (timer == nullptr) {
+        const ClockReading clock = clock_read();
+        if (clock.held && (timer == nullptr || clock.now < timer->deadline)) {
+            // Nothing is due until the held clock moves: say so, and wait for it.
+            module.settled_generation = clock.generation;
+            module.settled.notify_all();
             module.wake.wait(guard);
-        } else if (Clock::now() < timer->deadline) {
+        } else if (timer == nullptr) {
+            module.wake.wait(guard);
+        } else if (clock.now < timer->deadline) {
             module.wake.wait_until(guard, timer->deadline);
         } else {
             guard.unlock();
@@ -144,6 +178,7 @@ void* run_task(void* argument) {
         }
     }
     module.state = TaskState::ended;
+    module.settled.notify_all();
     current_module = nullptr;
     return nullptr;
 }
@@ -215,7 +250,7 @@ extern "C" zrmodule_timer* zrmodule_timer_ucreate(zrmodule* module, const char* 
     timer->remaining = count;
     timer->func = func;
     timer->context = context;
-    timer->deadline = Clock::now() + microseconds(delay);
+    timer->deadline = clock_read().now + microseconds(delay);
     std::lock_guard guard(module->lock);
     zrmodule_timer* handle = timer.get();
     module->timers.push_back(std::move(timer));
@@ -240,6 +275,38 @@ extern "C" int zrmodule_destroy(zrmodule* module) {
     }
     delete module;
     return 0;
+}
+
+extern "C" void zrmodule_clock_hold(void) {
+    HeldClock& clock = held_clock();
+    std::lock_guard guard(clock.lock);
+    if (!clock.held) clock.now = Clock::now();  // deadlines set so far keep their meaning
+    clock.held = true;
+}
+
+extern "C" void zrmodule_clock_advance(unsigned long microseconds) {
+    HeldClock& clock = held_clock();
+    unsigned long generation = 0;
+    {
+        std::lock_guard guard(clock.lock);
+        if (!clock.held) return;
+        clock.now += std::chrono::microseconds(microseconds);
+        generation = ++clock.generation;
+    }
+    std::vector<zrmodule*> modules;
+    {
+        auto& all = registry();
+        std::lock_guard guard(all.lock);
+        modules = all.modules;
+    }
+    for (zrmodule* module : modules) {
+        if (module == current_module) continue;  // a task cannot wait for itself
+        std::unique_lock guard(module->lock);
+        module->wake.notify_one();
+        module->settled.wait(guard, [&] {
+            return module->state != TaskState::running || module->settled_generation >= generation;
+        });
+    }
 }
 
 extern "C" const char* zrmodule_name(const zrmodule* module) { return module->name.c_str(); }

@@ -2,10 +2,8 @@
 #include <pthread.h>
 
 #include <algorithm>
-#include <chrono>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -14,17 +12,6 @@
 #include "zrmodule_control.h"
 
 namespace {
-
-// Waits until done() holds, for long enough that only a broken timer fails
-// the test instead of hanging it.
-template <class Done>
-bool eventually(Done done) {
-    for (int ms = 0; !done(); ++ms) {
-        if (ms == 20000) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 struct Call {
     zrmodule_timer* timer;
@@ -41,9 +28,6 @@ struct Journal {
         std::lock_guard guard(lock);
         return std::count_if(calls.begin(), calls.end(), [&](const Call& call) { return call.timer == timer; });
     }
-    bool wait_for(zrmodule_timer* timer, size_t n) {
-        return eventually([&] { return count(timer) >= n; });
-    }
 };
 
 void record_call(zrmodule_timer* timer, time_t interval) {
@@ -56,7 +40,13 @@ void record_call(zrmodule_timer* timer, time_t interval) {
 
 utime_t millis(long ms) { return utime_t{ms / 1000, (ms % 1000) * 1000}; }
 
+// Advances the held clock by `ms` milliseconds in steps of 10.
+void clock_run(long ms) {
+    for (long step = 0; step < ms; step += 10) zrmodule_clock_advance(10000);
+}
+
 TEST(Module, TimersRunAtTheirIntervalsDelaysAndCountsOnTheModulesNamedTask) {
+    zrmodule_clock_hold();  // the timers follow the test's clock alone
     Journal journal;
     zrmodule* module = zrmodule_alloc("SHEAF Backgroud with a longer name", 0, &journal);
     ASSERT_NE(module, nullptr);
@@ -71,11 +61,17 @@ TEST(Module, TimersRunAtTheirIntervalsDelaysAndCountsOnTheModulesNamedTask) {
     EXPECT_EQ(journal.count(thrice), 0u) << "nothing fires before the task starts";
     ASSERT_NE(zrmodule_create(module), 0);
     EXPECT_EQ(zrmodule_create(module), 0) << "a module starts once";
-    ASSERT_TRUE(journal.wait_for(thrice, 3) && journal.wait_for(slow_timer, 2));
-    // Many periods later the limited timer has not fired again, and the one
-    // with an hour's initial delay has not fired at all.
-    ASSERT_TRUE(journal.wait_for(ticker, journal.count(ticker) + 8));
-    EXPECT_EQ(std::tuple(zrmodule_running(module), journal.count(thrice), journal.count(late)), std::tuple(1, 3u, 0u));
+    zrmodule_clock_advance(0);
+    clock_run(200);  // thrice at 0, 20 and 40 ms; ticker every 20 ms from 20; slow every 50 ms from 50
+    EXPECT_EQ(std::tuple(zrmodule_running(module), journal.count(thrice), journal.count(ticker), journal.count(slow_timer),
+                         journal.count(late)),
+              std::tuple(1, 3u, 10u, 4u, 0u));
+    // A task a second late calls each timer once, then keeps its phase:
+    // the ticker's next call is at 1220 ms, not 20 ms after 1205.
+    zrmodule_clock_advance(1005000);
+    EXPECT_EQ(std::tuple(journal.count(ticker), journal.count(slow_timer)), std::tuple(11u, 5u));
+    zrmodule_clock_advance(15000);
+    EXPECT_EQ(std::tuple(journal.count(ticker), journal.count(slow_timer)), std::tuple(12u, 5u));
     ASSERT_EQ(zrmodule_destroy(module), 0);
     EXPECT_EQ(journal.calls.front().timer, thrice) << "a zero initial delay fires first";
     for (const auto& call : journal.calls) {
