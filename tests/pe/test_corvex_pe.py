@@ -12,12 +12,14 @@
 """
 import os
 import re
+import select
 import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 PE_DIR = os.path.join(HERE, "..", "..", "apps", "corvex-pe")
@@ -85,8 +87,13 @@ def cases():
     return rows
 
 
+# What a bounded wait allows before it calls the program stuck; a wait ends
+# as soon as what it waits for comes.
+WAIT = 120
+
+
 def run(argv, **kw):
-    return subprocess.run(argv, capture_output=True, text=True, timeout=120, **kw)
+    return subprocess.run(argv, capture_output=True, text=True, timeout=WAIT, **kw)
 
 
 def check(condition, what):
@@ -254,25 +261,30 @@ def live_inside(program):
     pe = subprocess.Popen([program, "--config", config, "--port", "up=up0", "--port", "a=a0", "-q",
                            "-c", "show packet statistics"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:
-        check("forwarding between 2 interfaces" in pe.stderr.readline(), "corvex-pe did not start")
+        started = select.select([pe.stderr], [], [], WAIT)[0] and pe.stderr.readline()
+        check(started and "forwarding between 2 interfaces" in started, "corvex-pe did not start")
         sockets = {}
         for port in ("up", "a"):
             s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x0003))
             s.bind((port + "1", 0))
-            s.settimeout(3)
             sockets[port] = s
         down = f.frame(HOST, BRIDGE, f.etag(0x001), f.payload(1, 60))
         upward = f.frame(BRIDGE, HOST, f.payload(2, 60))
         for port, data, out_port, want in [("up", down, "a", untag(down, 8)),
                                            ("a", upward, "up", tagged(upward, f.etag(0x001)))]:
             sockets[port].send(data)
-            while True:
-                got, address = sockets[out_port].recvfrom(65536)
-                if address[2] != socket.PACKET_OUTGOING and got[12:14] in (b"\x88\xb5", b"\x89\x3f"):
+            got, deadline = b"", time.monotonic() + WAIT
+            while not got and time.monotonic() < deadline:
+                sockets[out_port].settimeout(max(deadline - time.monotonic(), 0.001))
+                try:
+                    got, address = sockets[out_port].recvfrom(65536)
+                except socket.timeout:
                     break
+                if address[2] == socket.PACKET_OUTGOING or got[12:14] not in (b"\x88\xb5", b"\x89\x3f"):
+                    got = b""  # the kernel's own traffic, or the frame going out
             check(got == want, "live %s -> %s: %s, expected %s" % (port, out_port, got.hex(), want.hex()))
         pe.send_signal(signal.SIGINT)
-        stdout, _ = pe.communicate(timeout=30)
+        stdout, _ = pe.communicate(timeout=WAIT)
     finally:
         if pe.poll() is None:
             pe.kill()

@@ -6,9 +6,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <mutex>
 
 namespace {
 corvex_test::FakeClock* armed = nullptr;
+std::mutex monotonic_lock;
 }
 
 corvex_test::FakeClock::FakeClock() { armed = this; }
@@ -16,7 +18,10 @@ corvex_test::FakeClock::~FakeClock() { armed = nullptr; }
 
 extern "C" int clock_gettime(clockid_t clock, struct timespec* now) {
     if (armed != nullptr && clock == CLOCK_MONOTONIC) {
+        std::lock_guard hold(monotonic_lock);
         *now = armed->monotonic;
+        const long ns = now->tv_nsec + armed->monotonic_step_ns;
+        armed->monotonic = {now->tv_sec + ns / 1000000000, ns % 1000000000};
         return 0;
     }
     return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
