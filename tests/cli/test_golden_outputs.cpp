@@ -122,6 +122,7 @@ World build_world(corvex_test::GoldenMasks& masks) {
     heap_free(w.cli, w.gap);
     heap_free(w.cli, gap2);  // the 96 list links two blocks
     w.foreign = heap_malloc(w.tiny, 1);
+    at_a(w.broken, 2000);  // used / (total / 100) is not the exact share here
     heap_enable_debug(w.broken);
     w.overrun = at_a(w.broken, 16);
     static_cast<char*>(w.overrun)[heap_block_size(w.overrun)] = 'X';
