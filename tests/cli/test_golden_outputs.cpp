@@ -91,7 +91,7 @@ struct World {
     void* foreign;  // the tiny heap's block
     void* overrun;  // a debug block of heap 3 written one byte past its end
     packet_t* pkt;  // a 128-byte sheaf's packet, its buffer filled 00 01 02 ...
-    packet_t* odd;  // a 70-byte sheaf's packet: its dump ends in a short line
+    packet_t* odd;  // a 72-byte sheaf's packet: its dump ends in half a line
     packet_t* clone;
     packet_t* gone;  // a misfit packet, destroyed on return
 };
@@ -132,14 +132,14 @@ World build_world(corvex_test::GoldenMasks& masks) {
 
     static const packet_sheaf_block_t table[] = {
         {const_cast<char*>("512"), 512, 0, 8, 3, nullptr}, {const_cast<char*>("clone"), 0, 0, 8, 2, nullptr},
-        {const_cast<char*>("128"), 128, 0, 8, 3, nullptr}, {const_cast<char*>("70"), 70, 0, 8, 1, nullptr},
+        {const_cast<char*>("128"), 128, 0, 8, 3, nullptr}, {const_cast<char*>("72"), 72, 0, 8, 1, nullptr},
         {nullptr, 0, 0, 0, 0, nullptr}};
     packet_pool_init(nullptr, table, w.buffers);
     packet_t* held[10];
     for (packet_t*& p : held) p = packet_get(100);
     for (int i = 0; i < 4; ++i) packet_return(held[i]);
     w.pkt = held[9];
-    w.odd = packet_get(70);
+    w.odd = packet_get(72);
     for (packet_t* p : {w.pkt, w.odd})
         for (size_t i = 0; i < 64 + p->sheaf->size; ++i) p->buffer_start[i] = static_cast<packet_data_t>(i);
     w.pkt->length = 60;
