@@ -12,12 +12,6 @@ namespace {
 
 bool is_word_char(char c) { return std::isalnum(static_cast<unsigned char>(c)) != 0 || c == '_'; }
 
-bool stands_alone(const std::string& text, size_t at, size_t length) {
-    const char before = at > 0 ? text[at - 1] : ' ';
-    const char after = at + length < text.size() ? text[at + length] : ' ';
-    return (!is_word_char(before) || before == '0' || before == 'x') && !is_word_char(after);
-}
-
 }  // namespace
 
 void GoldenMasks::add(const std::string& value, const std::string& name) {
@@ -36,10 +30,14 @@ void GoldenMasks::add_address(const void* address, const std::string& name) {
 
 std::string GoldenMasks::apply(std::string text) const {
     for (const auto& [value, placeholder] : masks_) {
-        for (size_t at = text.find(value); at != std::string::npos; at = text.find(value, at)) {
-            const bool alone = stands_alone(text, at, value.size());
-            if (alone) text.replace(at, value.size(), placeholder);
-            at += alone ? placeholder.size() : value.size();
+        for (size_t at = text.find(value); at != std::string::npos; at = text.find(value, at + 1)) {
+            size_t start = at;  // with the zeros that pad it
+            while (start > 0 && text[start - 1] == '0') --start;
+            const char before = start > 0 ? text[start - 1] : ' ';
+            const char after = at + value.size() < text.size() ? text[at + value.size()] : ' ';
+            if ((is_word_char(before) && before != 'x') || is_word_char(after)) continue;
+            text.replace(start, at + value.size() - start, placeholder);
+            at = start + placeholder.size() - 1;
         }
     }
     return text;

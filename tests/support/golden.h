@@ -4,9 +4,10 @@
 // placeholders.
 //
 // A placeholder is "<name>" padded with '_' to 8 characters, whatever the
-// width of the value it stands for. It takes the value's own characters
-// only: blanks, leading zeros and a "0x" that a format puts around a value
-// stay in the text, so a changed field width or prefix still shows.
+// width of the value it stands for. It takes the value and the zeros that
+// pad it (how many digits a code address has depends on where the program
+// was loaded); the blanks that pad a field, a "0x" and the separators stay
+// in the text, so a changed column width or prefix still shows.
 //
 // With CORVEX_GOLDEN_UPDATE=1 in the environment a comparison writes the
 // file from the output instead (and passes); review the change with git diff.
@@ -22,9 +23,9 @@ namespace corvex_test {
 
 class GoldenMasks {
 public:
-    // Every occurrence of `value` that no letter, digit or '_' touches
-    // (except padding zeros or the 'x' of "0x" in front) becomes "<name>".
-    // Names have at most 6 characters.
+    // Every occurrence of `value`, with the zeros in front of it, that no
+    // other letter, digit or '_' touches (the 'x' of "0x" may) becomes
+    // "<name>". Names have at most 6 characters.
     void add(const std::string& value, const std::string& name);
     // The address as "%p" and "%x" print its digits: lowercase hex.
     void add_address(const void* address, const std::string& name);
