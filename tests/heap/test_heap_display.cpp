@@ -1,4 +1,4 @@
-// The block log and the block display, and the failure ring.
+// The block log, and the block display's answers for a bad heap or no block.
 #include <algorithm>
 #include <tuple>
 
@@ -11,8 +11,6 @@ using corvex_test::CliCapture;
 namespace {
 
 void* shifted(const void* p, intptr_t by) { return reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(p) + by); }
-
-bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 TEST(HeapBlockLog, AllocatedAndFreeBlocksLineByLine) {
     heap_t* heap = make_heap(65536);
@@ -63,38 +61,21 @@ TEST(HeapBlockLog, AllocatedAndFreeBlocksLineByLine) {
     for (heap_t* given : {heap, static_cast<heap_t*>(nullptr), heap}) {
         auto tail_lines = block_log_of(given, tail);
         EXPECT_EQ(std::count_if(tail_lines.begin(), tail_lines.end(),
-                                [](const std::string& l) { return has(l, "memory address = "); }),
+                                [](const std::string& l) { return l.find("memory address = ") != std::string::npos; }),
                   static_cast<long>(words));
         heap->magic = 0;  // then a heap whose record is broken
     }
     heap->magic = HEAP_MAGIC;
 }
 
-TEST(HeapShowBlock, ExactDisplayOfEachKindOfBlock) {
-    heap_t* heap = make_heap(65536);
-    void* a = heap_malloc(heap, 64);
-    void* b = heap_malloc(heap, 64);
-    heap_malloc(heap, 16);
+// The golden outputs hold the rest of the display; no command line reaches these.
+TEST(HeapShowBlock, ABrokenHeapRecordOrNoBlock) {
+    heap_t* heap = make_heap(4096);
+    void* p = heap_malloc(heap, 16);
     CliCapture cap;
-    heap_show_block(heap, b);
-    EXPECT_EQ(cap.text(), fmt("\n\nHeap block: Header Address: %p\n", static_cast<void*>(hdr(b))) +
-                              fmt("Heap block: Data   Address: %p\n\n", b) +
-                              "Common Header : bit fields:  0xffe48081\n\n    allocated : Allocated\n"
-                              "    orphaned  : no\n    debug     : no\n    unused    : 0\n    refcount  : 1\n"
-                              "    pc_saved  : 1          \n"
-                              "    offset   : fffffff9    : Good Heap Block Magic number \n"
-                              "Heap Block Specific:\n" +
-                              fmt("    prev          : %p      (Data address %p)\n", static_cast<void*>(hdr(a)), a) +
-                              fmt("    alloc pc      : %p\n", heap_get_pc(b)) +
-                              fmt("    alloc heap    : %p\n", static_cast<void*>(heap)) +
-                              "    size          :   64\n    magic         : ec0ed\n    freelist_id   :   32\n");
-    cap.clear();
-    hdr(b)->header.refcount = 0;  // fails validation: the specific part is left out
-    heap_show_block(heap, b);
-    EXPECT_TRUE(has(cap.text(), "Magic number \n\n******** FAILED VALIDITY CHECKS **********\n\n"));
-    EXPECT_FALSE(has(cap.text(), "Heap Block Specific"));
-    cap.clear();
-    heap_show_block(&bcm_sdk_heap, b);
+    heap_show_block(heap, nullptr);
+    EXPECT_EQ(cap.text(), "");
+    heap_show_block(&bcm_sdk_heap, p);  // never created: no heap magic
     EXPECT_EQ(cap.text(), fmt("\n\nHeap bad: %p\n\n", static_cast<void*>(&bcm_sdk_heap)));
 }
 

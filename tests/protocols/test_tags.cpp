@@ -79,10 +79,15 @@ TEST_F(TagTest, HeadroomTakesEightETagsOrSixteenVlanTags) {
     EXPECT_EQ(frame(), full) << "a refused insertion changes nothing";
     for (int i = 0; i < 8; ++i) packet_etag_remove(pkt_, nullptr);
     for (int i = 0; i < 15; ++i) ASSERT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, static_cast<u_int16_t>(i)), 0);
-    EXPECT_EQ(std::tuple(pkt_->length, bytes(12, 16), bytes(68, 72)),
-              std::tuple(60 + 60, Bytes{0x81, 0x00, 0x00, 0x0E}, Bytes{0x81, 0x00, 0x00, 0x00})) << "newest first";
-    expect_addresses_and_payload();
     EXPECT_EQ(packet_etag_vlan_tag_insert(pkt_, &etag_, 0x8100, 1), -1) << "four bytes are not enough for both tags";
+    EXPECT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 15), 0) << "the sixteenth tag takes the last four bytes";
+    EXPECT_EQ(std::tuple(pkt_->frame_start, pkt_->length, bytes(12, 16), bytes(72, 76)),
+              std::tuple(pkt_->buffer_start, 60 + 64, Bytes{0x81, 0x00, 0x00, 0x0F}, Bytes{0x81, 0x00, 0x00, 0x00}))
+        << "newest first";
+    expect_addresses_and_payload();
+    const Bytes sixteen = frame();
+    EXPECT_EQ(packet_vlan_tag_insert(pkt_, 0x8100, 16), -1) << "no seventeenth";
+    EXPECT_EQ(std::tuple(frame(), pkt_->frame_start), std::tuple(sixteen, pkt_->buffer_start));
 }
 
 TEST_F(TagTest, SymmetricTpidMeansARecordAlreadyInNetworkOrder) {
