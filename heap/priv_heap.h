@@ -181,8 +181,11 @@ struct BlockFailure {
 
 // Tests 2 to 12, in their fixed order, on a block of a valid heap. A header
 // is read only where one fits inside the range. Inline, so that the release
-// path pays only for the tests.
-inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block) {
+// path pays only for the tests. `known_in_heap`, when given, is a header the
+// caller has already found inside the range: a neighbour that is that
+// header needs no range check of its own.
+inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block,
+                                        const heap_block_t* known_in_heap = nullptr) {
     if (!block_is_live(block)) {
         return {"Invalid header magic number", kNamesNone};
     }
@@ -190,7 +193,7 @@ inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block) {
         return {"Invalid header block magic number", kNamesNone};
     }
     heap_block_t* prev = block->prev;
-    if (prev != nullptr && !header_in_heap(heap, prev)) {
+    if (prev != nullptr && prev != known_in_heap && !header_in_heap(heap, prev)) {
         return {"Possible block overrun - bad prev block pointer", kNamesNone};
     }
     if (prev != nullptr && !block_is_live(prev)) {
@@ -198,7 +201,7 @@ inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block) {
     }
     heap_block_t* next = next_block_addr(heap, block);
     if (next != nullptr) {
-        const bool next_readable = header_in_heap(heap, next);
+        const bool next_readable = next == known_in_heap || header_in_heap(heap, next);
         if (!next_readable || !block_is_live(next)) {
             return {"Possible block overrun - bad next header magic number",
                     next_readable ? kNamesBoth : kNamesPrevious};
@@ -238,6 +241,14 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
         return 0;
     }
     return heap_block_validate_failed(heap, block, noisy, active);
+}
+// The release path's check of a free neighbour of the released block, with
+// the report and panic of any failure; `beside` is the block on the
+// released side, already found inside the range.
+inline void heap_block_validate_beside(heap_t* heap, heap_block_t* neighbour, const heap_block_t* beside) {
+    if (!heap_valid(heap) || block_first_failure(heap, neighbour, beside).error != nullptr) {
+        heap_block_validate_failed(heap, neighbour, TRUE, TRUE);
+    }
 }
 [[noreturn]] void heap_bad_heap_panic(heap_t* heap);
 // A block whose size runs past the end of its heap: report, then panic.
