@@ -32,9 +32,11 @@ inline void heap_block_create(heap_t* heap, heap_block_t* block, heap_block_t* p
 // when there is none. Reads only the compact index (and the list bits).
 inline heap_freelist_t* freelist_search(heap_t* heap, size_t size, boolean empty_check) {
     const size_t sized = sized_count(heap);
-    size_t k = first_at_least(heap, sized, size);
-    if (empty_check) {
-        k = freelist_bits_first(heap, k, sized);
+    size_t k = sized;
+    if (!empty_check) {
+        k = first_at_least(heap, sized, size);
+    } else if (!freelist_bits_none(heap)) {
+        k = freelist_bits_first(heap, first_at_least(heap, sized, size), sized);
     }
     if (k < sized) {
         return heap->freelist_size[k].freelist;

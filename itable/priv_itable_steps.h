@@ -15,15 +15,15 @@ template <unsigned kShift>
 inline void* itable16_steps(const itable16_t* table, u_int32_t word) {
     constexpr unsigned kPointerShift = sizeof(void*) == 8 ? 3 : 2;
     static_assert(sizeof(void*) == (1u << kPointerShift));
-    constexpr u_int32_t kCanBytes = 15u << kPointerShift;
     constexpr u_int32_t kSlotBytes = 63u << kPointerShift;
     auto step = [](const void* level, u_int32_t offset) {
         return *reinterpret_cast<void* const*>(static_cast<const char*>(level) + offset);
     };
-    // Byte offsets of the can (bits 15..12), the bucket (11..6) and the
-    // entry (5..0), each worked out only once the step before has found a
-    // level, so that no offset waits in a register of its own.
-    const void* can = step(table->cans, (word >> (kShift + 12 - kPointerShift)) & kCanBytes);
+    // The can (bits 15..12; no mask where nothing lies above them), then the
+    // byte offsets of the bucket (11..6) and the entry (5..0), each worked
+    // out only once the step before has found a level, so that no offset
+    // waits in a register of its own.
+    const void* can = table->cans[(word >> (kShift + 12)) & 15u];
     if (can == nullptr) {
         return nullptr;
     }
