@@ -271,7 +271,7 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
 // released side, already found inside the range). A failure is reported
 // and ends in a panic; a block that passes gives its next block (null: the
 // last of the range).
-inline heap_block_t* heap_block_checked(heap_t* heap, heap_block_t* block, const heap_block_t* beside) {
+[[gnu::always_inline]] inline heap_block_t* heap_block_checked(heap_t* heap, heap_block_t* block, const heap_block_t* beside) {
     if (heap_valid(heap)) {
         const BlockFailure failure = block_first_failure(heap, block, beside);
         if (failure.error == nullptr) {
