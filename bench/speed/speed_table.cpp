@@ -180,7 +180,7 @@ void print(const std::vector<Row>& rows, const std::vector<Result>& results, con
         char goal_text[48];
         if (goal != row.goal) {
             ++raised;
-            std::snprintf(goal_text, sizeof goal_text, "%.2f (%.1f below floor)", goal, row.goal);
+            std::snprintf(goal_text, sizeof goal_text, "%.2f (%.1f raised)", goal, row.goal);
         } else {
             std::snprintf(goal_text, sizeof goal_text, "%.1f", goal);
         }
@@ -194,7 +194,7 @@ void print(const std::vector<Row>& rows, const std::vector<Result>& results, con
             std::printf(" none | | | |\n");
         }
     }
-    std::printf("\n%d of %zu goals met; %d goals raised to %.1fx a floor that alone is above them\n", met_count,
+    std::printf("\n%d of %zu goals met; %d raised to %.1fx a floor that alone is above the goal\n", met_count,
                 rows.size(), raised, kFloorAllowance);
 }
 
