@@ -57,8 +57,8 @@ Found heap_block_find(heap_t* heap, size_t size) {
     heap_freelist_t* list = freelist_search(heap, size, TRUE);
     if (list->size != 0) {
         Found found{nullptr, list, false, true};
-        // A head whose magic was overwritten goes to the list layer now,
-        // which stops on it.
+        // A head whose magic was overwritten goes to the list layer now
+        // (which stops on it), as the taking always did.
         if (list_magic_valid(&list->blocks)) {
             found.block = block_of_link(list->blocks.head);
             found.on_list = found.block != nullptr;
@@ -79,11 +79,16 @@ Found heap_block_find(heap_t* heap, size_t size) {
         }
         return {nullptr, list, false, false};
     }
+    // As above, a head whose magic was overwritten is reported now.
+    const bool on_list = list_magic_valid(&list->blocks);
+    if (!on_list) {
+        heap_freelist_dequeue(heap, list, block);
+    }
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Found free block on default list - %p, %d bytes\n", "heap_block_find",
                name, static_cast<void*>(block), static_cast<int>(block->size));
     }
-    return {block, list, true, false};
+    return {block, list, on_list, false};
 }
 
 // A free block's header and data must lie in the range before anything is
