@@ -31,7 +31,24 @@ heap_block_t* default_list_best_fit(heap_freelist_t* list, size_t size) {
     return candidate;
 }
 
-heap_block_t* heap_block_find(heap_t* heap, size_t size) {
+// A free block chosen for an allocation, and how to take it off its list.
+// The taking waits until the split shows whether the fragment simply takes
+// the block's place on the same list (heap_freelist_replace).
+struct Found {
+    heap_block_t* block;
+    heap_freelist_t* list;
+    bool on_list;  // still to be taken off `list`
+    bool by_head;  // taken as the list's head (else by name)
+};
+
+void take_off(heap_t* heap, Found& found) {
+    if (found.on_list) {
+        heap_freelist_dequeue(heap, found.list, found.by_head ? nullptr : found.block);
+        found.on_list = false;
+    }
+}
+
+Found heap_block_find(heap_t* heap, size_t size) {
     const char* name = heap->name;
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Looking for at least %d free bytes \n", "heap_block_find", name,
@@ -39,12 +56,20 @@ heap_block_t* heap_block_find(heap_t* heap, size_t size) {
     }
     heap_freelist_t* list = freelist_search(heap, size, TRUE);
     if (list->size != 0) {
-        heap_block_t* block = heap_freelist_dequeue(heap, list, nullptr);
+        Found found{nullptr, list, false, true};
+        // A head whose magic was overwritten goes to the list layer now
+        // (which stops on it), as the taking always did.
+        if (list_magic_valid(&list->blocks)) {
+            found.block = block_of_link(list->blocks.head);
+            found.on_list = found.block != nullptr;
+        } else {
+            found.block = heap_freelist_dequeue(heap, list, nullptr);
+        }
         if (heap->debug) {
             syslog(LOG_DEBUG, "%s: HEAP(%s): Found free block - %p, %d bytes\n", "heap_block_find", name,
-                   static_cast<void*>(block), block ? static_cast<int>(block->size) : -1);
+                   static_cast<void*>(found.block), found.block ? static_cast<int>(found.block->size) : -1);
         }
-        return block;
+        return found;
     }
     heap_block_t* block = default_list_best_fit(list, size);
     if (block == nullptr) {
@@ -52,32 +77,45 @@ heap_block_t* heap_block_find(heap_t* heap, size_t size) {
             syslog(LOG_DEBUG, "%s: HEAP(%s): Failed to find a %u byte block (available:%u)\n", "heap_block_find",
                    name, static_cast<unsigned>(size), static_cast<unsigned>(heap->free_bytes));
         }
-        return nullptr;
+        return {nullptr, list, false, false};
     }
-    heap_freelist_dequeue(heap, list, block);
+    // As above, a head whose magic was overwritten is reported now.
+    const bool on_list = list_magic_valid(&list->blocks);
+    if (!on_list) {
+        heap_freelist_dequeue(heap, list, block);
+    }
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Found free block on default list - %p, %d bytes\n", "heap_block_find",
                name, static_cast<void*>(block), static_cast<int>(block->size));
     }
-    return block;
+    return {block, list, on_list, false};
 }
 
 // A free block's header and data must lie in the range before anything is
 // cut from it or written into it; one that does not has a corrupted size.
-void check_found_block(heap_t* heap, heap_block_t* block) {
+void check_found_block(heap_t* heap, Found& found) {
+    heap_block_t* block = found.block;
     if (!header_in_heap(heap, block) || !block_fits_heap(heap, block)) {
+        take_off(heap, found);
         heap_block_extent_panic(heap, block);
     }
 }
 
-void split_block(heap_t* heap, heap_block_t* block, size_t rounded) {
+void split_block(heap_t* heap, Found& found, size_t rounded) {
+    heap_block_t* block = found.block;
     auto* fragment = reinterpret_cast<heap_block_t*>(data_of(block) + rounded);
     heap_block_t* old_next = next_header_in_heap(heap, block);
     fragment->size = block->size - kHeaderSize - rounded;
-    block->size = rounded;
     heap_block_create(heap, fragment, block, nullptr);
     fragment->freelist_id = HEAP_FREELIST_NONE;
-    heap_freelist_enqueue(heap, nullptr, fragment);
+    heap_freelist_t* home = freelist_for_block(heap, fragment->size);
+    // The block leaves its list with its size before the split.
+    if (!(found.on_list && home == found.list && heap_freelist_replace(heap, home, block, fragment))) {
+        take_off(heap, found);
+        heap_freelist_enqueue(heap, home, fragment);
+    }
+    found.on_list = false;
+    block->size = rounded;
     if (old_next != nullptr) {
         old_next->prev = fragment;
     }
@@ -114,25 +152,28 @@ void* heap_block_get(heap_t* heap, size_t size, void* callers_pc) {
         fits = adjusted <= SIZE_MAX - (kAlign - 1);
         rounded = round_up8(adjusted);
     }
-    heap_block_t* block = nullptr;
+    Found found{};
     if (fits) {
         if (heap->debug) {
             syslog(LOG_DEBUG, "%s: HEAP(%s): Looking for block size = %d, rounded size = %ld\n", "heap_block_get",
                    heap->name, static_cast<int>(adjusted), static_cast<long>(rounded));
         }
-        block = heap_block_find(heap, rounded);
+        found = heap_block_find(heap, rounded);
     }
+    heap_block_t* block = found.block;
     if (block == nullptr) {
         heap->stats.failed_allocs++;
         return nullptr;
     }
-    check_found_block(heap, block);
+    check_found_block(heap, found);
     if (heap->debug) {
         syslog(LOG_DEBUG, "%s: HEAP(%s): Found block size = %d, requested = %d\n", "heap_block_get", heap->name,
                static_cast<int>(block->size), static_cast<int>(adjusted));
     }
     if (block->size - rounded > kSplitExcess) {
-        split_block(heap, block, rounded);
+        split_block(heap, found, rounded);
+    } else {
+        take_off(heap, found);
     }
     heap_block_create(heap, block, block->prev, callers_pc);
     void* data = data_of(block);

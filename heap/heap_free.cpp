@@ -18,12 +18,11 @@ heap_t* owner_of(heap_t* expect_heap, heap_block_t* block) {
     return heap_registered_owner(block);
 }
 
-// Grows `survivor` over the physically following `swallowed`; whichever of
-// the two was on a free list has been taken off it.
-void merge_into(heap_t* heap, heap_block_t* survivor, heap_block_t* swallowed) {
+// Grows `survivor` over the physically following `swallowed`, whose next
+// block (null: none) is `after`.
+void merge_into(heap_t* heap, heap_block_t* survivor, heap_block_t* swallowed, heap_block_t* after) {
     size_t old_size = survivor->size;
     survivor->size += swallowed->size + kHeaderSize;
-    heap_block_t* after = next_header_in_heap(heap, survivor);
     if (after != nullptr) {
         after->prev = survivor;
     }
@@ -57,7 +56,7 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
         }
         heap = owner;
     }
-    heap_block_validate(heap, block, TRUE, TRUE);
+    heap_block_t* after = heap_block_checked(heap, block, nullptr);
     if (!block->header.allocated) {
         traceback("Freeing an already freed block!");
         heap_bp_failure();
@@ -92,22 +91,32 @@ void heap_block_return(heap_t* expect_heap, void* raw_block) {
     heap->debug_proc.post_free(raw_block, usable_size(block));
 
     // A free neighbour's list links are about to be followed and written:
-    // it is checked like the released block first.
+    // it is checked like the released block first. The released block's
+    // own tests have just found each neighbour's header inside the range.
     heap_block_t* merged = block;
     heap_block_t* prev = block->prev;
     if (prev != nullptr && !prev->header.allocated) {
-        heap_block_validate(heap, prev, TRUE, TRUE);
+        heap_block_checked(heap, prev, block);
         heap_freelist_dequeue(heap, nullptr, prev);
-        merge_into(heap, prev, block);
+        merge_into(heap, prev, block, after);
         merged = prev;
     }
-    heap_block_t* next = next_header_in_heap(heap, merged);
+    heap_block_t* next = after;
+    heap_freelist_t* next_list = nullptr;
     if (next != nullptr && !next->header.allocated) {
-        heap_block_validate(heap, next, TRUE, TRUE);
-        heap_freelist_dequeue(heap, nullptr, next);
-        merge_into(heap, merged, next);
+        heap_block_t* after_next = heap_block_checked(heap, next, merged);
+        // The next block leaves its list at the end, where the merged block
+        // may simply take its place (its size stays as it is until then).
+        next_list = active_freelist(heap, static_cast<heap_freelist_id_t>(next->freelist_id));
+        merge_into(heap, merged, next, after_next);
     }
-    heap_freelist_enqueue(heap, nullptr, merged);
+    if (next_list == nullptr || next_list != freelist_for_block(heap, merged->size) ||
+        !heap_freelist_replace(heap, next_list, next, merged)) {
+        if (next_list != nullptr) {
+            heap_freelist_dequeue(heap, next_list, next);
+        }
+        heap_freelist_enqueue(heap, nullptr, merged);
+    }
     heap_invariants_check(heap);
 }
 

@@ -13,25 +13,11 @@
 
 namespace corvex::heap {
 
-namespace {
-
-constexpr u_int32_t kTrackedHeaps = 1024;
-static_assert(HEAP_FREELIST_MAX <= 32, "one bit per index entry in a 32-bit word");
-
-struct ListBits {
-    const heap_t* heap;
-    u_int32_t nonempty;                          // bit k: index entry k is a sized list holding a block
-    u_int8_t entry_of_slot[HEAP_FREELIST_MAX];  // index entry of each sized list, by slot id
-};
-
 ListBits list_bits[kTrackedHeaps];
 
-ListBits* bits_of(const heap_t* heap) {
-    if (heap->id >= kTrackedHeaps || list_bits[heap->id].heap != heap) {
-        return nullptr;
-    }
-    return &list_bits[heap->id];
-}
+namespace {
+
+static_assert(HEAP_FREELIST_MAX <= 32, "one bit per index entry in a 32-bit word");
 
 bool holds_blocks(const heap_t* heap, size_t k) { return heap->freelist_size[k].freelist->blocks.head != nullptr; }
 
@@ -45,7 +31,7 @@ void freelist_bits_attach(heap_t* heap) {
 }
 
 void freelist_bits_rebuild(heap_t* heap) {
-    ListBits* bits = bits_of(heap);
+    ListBits* bits = freelist_bits_of(heap);
     if (bits == nullptr) {
         return;
     }
@@ -57,7 +43,7 @@ void freelist_bits_rebuild(heap_t* heap) {
 }
 
 void freelist_bits_note(heap_t* heap, heap_freelist_t* list) {
-    ListBits* bits = bits_of(heap);
+    ListBits* bits = freelist_bits_of(heap);
     if (bits == nullptr || list->size == 0) {
         return;
     }
@@ -70,7 +56,7 @@ void freelist_bits_note(heap_t* heap, heap_freelist_t* list) {
 }
 
 size_t freelist_bits_first(heap_t* heap, size_t from, size_t sized) {
-    ListBits* bits = bits_of(heap);
+    ListBits* bits = freelist_bits_of(heap);
     if (bits == nullptr) {
         while (from < sized && !holds_blocks(heap, from)) {
             ++from;

@@ -32,9 +32,11 @@ inline void heap_block_create(heap_t* heap, heap_block_t* block, heap_block_t* p
 // when there is none. Reads only the compact index (and the list bits).
 inline heap_freelist_t* freelist_search(heap_t* heap, size_t size, boolean empty_check) {
     const size_t sized = sized_count(heap);
-    size_t k = first_at_least(heap, sized, size);
-    if (empty_check) {
-        k = freelist_bits_first(heap, k, sized);
+    size_t k = sized;
+    if (!empty_check) {
+        k = first_at_least(heap, sized, size);
+    } else if (!freelist_bits_none(heap)) {
+        k = freelist_bits_first(heap, first_at_least(heap, sized, size), sized);
     }
     if (k < sized) {
         return heap->freelist_size[k].freelist;
@@ -69,6 +71,33 @@ inline void freelist_emptiness_changed(heap_t* heap, heap_freelist_t* list) {
 void heap_freelist_enqueue_refused(heap_t* heap, heap_block_t* block);
 void heap_freelist_unplaced(heap_block_t* block);
 
+// The counts and records a block's arrival on a list changes.
+inline void freelist_count_in(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block) {
+    block->freelist_id = freelist->id;
+    if (heap->largest_block == nullptr || heap->largest_block->size < block->size) {
+        heap->largest_block = block;
+    }
+    const auto block_size = static_cast<u_int32_t>(block->size);
+    freelist->frees++;
+    freelist->free_bytes += block->size + kHeaderSize;
+    if (freelist->largest < block_size) {
+        freelist->largest = block_size;
+    }
+    if (freelist->smallest == 0 || freelist->smallest > block_size) {
+        freelist->smallest = block_size;
+    }
+}
+
+// The counts and records a block's departure from a list changes.
+inline void freelist_count_out(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block) {
+    block->freelist_id = HEAP_FREELIST_NONE;
+    freelist->allocs++;
+    freelist->free_bytes -= block->size + kHeaderSize;
+    if (heap->largest_block == block) {
+        heap->largest_block = nullptr;
+    }
+}
+
 // Puts a free block on `freelist`, or on the list its size selects when
 // that is null: at the tail in FIFO mode, else at the head.
 inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block) {
@@ -98,19 +127,35 @@ inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_
     if (blocks->item_count == 1) {
         freelist_emptiness_changed(heap, freelist);
     }
-    block->freelist_id = freelist->id;
-    if (heap->largest_block == nullptr || heap->largest_block->size < block->size) {
-        heap->largest_block = block;
+    freelist_count_in(heap, freelist, block);
+}
+
+// One move where a block leaves a list and another, free, joins the same
+// list: when `out` stands where the list takes new blocks (its head, or its
+// tail in FIFO mode), taking it off and putting `in` on leaves `in` exactly
+// in its place, so `in` takes that place directly, with every count and
+// record changed as the two moves change them and `out`'s links cleared as
+// taking it off by name clears them. False, and nothing changed, otherwise.
+inline bool heap_freelist_replace(heap_t* heap, heap_freelist_t* freelist, heap_block_t* out, heap_block_t* in) {
+    list_t* blocks = &freelist->blocks;
+    list_item_t* out_link = &out->x.free.links;
+    const bool fifo = (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) != 0;
+    if (!list_magic_valid(blocks) || (fifo ? blocks->tail : blocks->head) != out_link ||
+        in->header.allocated) {
+        return false;
     }
-    const auto block_size = static_cast<u_int32_t>(block->size);
-    freelist->frees++;
-    freelist->free_bytes += block->size + kHeaderSize;
-    if (freelist->largest < block_size) {
-        freelist->largest = block_size;
-    }
-    if (freelist->smallest == 0 || freelist->smallest > block_size) {
-        freelist->smallest = block_size;
-    }
+    list_item_t* in_link = &in->x.free.links;
+    list_item_t* before = out_link->prev;
+    list_item_t* after = out_link->next;
+    in_link->prev = before;
+    in_link->next = after;
+    (before != nullptr ? before->next : blocks->head) = in_link;
+    (after != nullptr ? after->prev : blocks->tail) = in_link;
+    out_link->prev = nullptr;
+    out_link->next = nullptr;
+    freelist_count_out(heap, freelist, out);
+    freelist_count_in(heap, freelist, in);
+    return true;
 }
 
 // Takes `block` off `freelist` (its own list when that is null), or the
@@ -145,12 +190,7 @@ inline heap_block_t* heap_freelist_dequeue(heap_t* heap, heap_freelist_t* freeli
     if (blocks->head == nullptr) {
         freelist_emptiness_changed(heap, freelist);
     }
-    block->freelist_id = HEAP_FREELIST_NONE;
-    freelist->allocs++;
-    freelist->free_bytes -= block->size + kHeaderSize;
-    if (heap->largest_block == block) {
-        heap->largest_block = nullptr;
-    }
+    freelist_count_out(heap, freelist, block);
     return block;
 }
 

@@ -147,10 +147,30 @@ inline size_t first_at_least(const heap_t* heap, size_t sized, size_t size) {
     return low;
 }
 
-// The bits of the sized lists that hold blocks (heap_freelist_bits.cpp):
-// attach once the heap is registered, rebuild when the index changes, note
-// a list that became empty or non-empty, and find the first entry from
-// `from` on whose list holds a block (`sized` when none does).
+// The bits of the sized lists that hold blocks (heap_freelist_bits.cpp),
+// one record for each of the first kTrackedHeaps registered heaps, found by
+// the heap's registry number and claimed by its address: attach once the
+// heap is registered, rebuild when the index changes, note a list that
+// became empty or non-empty, and find the first entry from `from` on whose
+// list holds a block (`sized` when none does).
+inline constexpr u_int32_t kTrackedHeaps = 1024;
+struct ListBits {
+    const heap_t* heap;
+    u_int32_t nonempty;                          // bit k: index entry k is a sized list holding a block
+    u_int8_t entry_of_slot[HEAP_FREELIST_MAX];  // index entry of each sized list, by slot id
+};
+extern ListBits list_bits[kTrackedHeaps];
+inline ListBits* freelist_bits_of(const heap_t* heap) {
+    if (heap->id >= kTrackedHeaps || list_bits[heap->id].heap != heap) {
+        return nullptr;
+    }
+    return &list_bits[heap->id];
+}
+// No sized list holds a block, by the bits (false for a heap without them).
+inline bool freelist_bits_none(const heap_t* heap) {
+    const ListBits* bits = freelist_bits_of(heap);
+    return bits != nullptr && bits->nonempty == 0;
+}
 void freelist_bits_attach(heap_t* heap);
 void freelist_bits_rebuild(heap_t* heap);
 void freelist_bits_note(heap_t* heap, heap_freelist_t* list);
@@ -174,58 +194,65 @@ void heap_block_return(heap_t* heap, void* raw_block);
 // Why a block fails validation: the error string of the first test that
 // fails (null when all pass) and the neighbours the report names.
 enum : unsigned { kNamesNone = 0, kNamesPrevious = 1, kNamesNext = 2, kNamesBoth = 3 };
+// A block that passes has `next`: the next block's header, or null when the
+// block is the last of the range.
 struct BlockFailure {
     const char* error;
     unsigned neighbours;
+    heap_block_t* next;
 };
 
 // Tests 2 to 12, in their fixed order, on a block of a valid heap. A header
 // is read only where one fits inside the range. Inline, so that the release
-// path pays only for the tests.
-inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block) {
+// path pays only for the tests (forced: the callers' own checks then fold
+// into the tests). `known_in_heap`, when given, is a header the
+// caller has already found inside the range: a neighbour that is that
+// header needs no range check of its own.
+[[gnu::always_inline]] inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block,
+                                        const heap_block_t* known_in_heap = nullptr) {
     if (!block_is_live(block)) {
-        return {"Invalid header magic number", kNamesNone};
+        return {"Invalid header magic number", kNamesNone, nullptr};
     }
     if (!header_word_marked(block)) {
-        return {"Invalid header block magic number", kNamesNone};
+        return {"Invalid header block magic number", kNamesNone, nullptr};
     }
     heap_block_t* prev = block->prev;
-    if (prev != nullptr && !header_in_heap(heap, prev)) {
-        return {"Possible block overrun - bad prev block pointer", kNamesNone};
+    if (prev != nullptr && prev != known_in_heap && !header_in_heap(heap, prev)) {
+        return {"Possible block overrun - bad prev block pointer", kNamesNone, nullptr};
     }
     if (prev != nullptr && !block_is_live(prev)) {
-        return {"Possible block overrun - bad prev header magic number", kNamesPrevious};
+        return {"Possible block overrun - bad prev header magic number", kNamesPrevious, nullptr};
     }
     heap_block_t* next = next_block_addr(heap, block);
     if (next != nullptr) {
-        const bool next_readable = header_in_heap(heap, next);
+        const bool next_readable = next == known_in_heap || header_in_heap(heap, next);
         if (!next_readable || !block_is_live(next)) {
             return {"Possible block overrun - bad next header magic number",
-                    next_readable ? kNamesBoth : kNamesPrevious};
+                    next_readable ? kNamesBoth : kNamesPrevious, nullptr};
         }
     }
     if (block->header.allocated) {
         if (block->header.refcount == 0) {
-            return {"Zero refcount in header for allocated block", kNamesBoth};
+            return {"Zero refcount in header for allocated block", kNamesBoth, next};
         }
         if (block->x.alloc.heap != heap) {
-            return {"Invalid heap pointer in header", kNamesBoth};
+            return {"Invalid heap pointer in header", kNamesBoth, next};
         }
         if (block->header.debug && !trailer_intact_in(heap, block)) {
-            return {"Block overrun - TRAILER overwritten", kNamesBoth};
+            return {"Block overrun - TRAILER overwritten", kNamesBoth, next};
         }
-        return {nullptr, kNamesNone};
+        return {nullptr, kNamesNone, next};
     }
     if (block->header.refcount != 0) {
-        return {"Non-zero refcount in header for free block", kNamesBoth};
+        return {"Non-zero refcount in header for free block", kNamesBoth, next};
     }
     if (block->x.free.links.prev != nullptr && !addr_in_heap(heap, block->x.free.links.prev)) {
-        return {"Invalid fprev pointer", kNamesBoth};
+        return {"Invalid fprev pointer", kNamesBoth, next};
     }
     if (block->x.free.links.next != nullptr && !addr_in_heap(heap, block->x.free.links.next)) {
-        return {"Invalid fnext pointer", kNamesBoth};
+        return {"Invalid fnext pointer", kNamesBoth, next};
     }
-    return {nullptr, kNamesNone};
+    return {nullptr, kNamesNone, next};
 }
 
 // A block that failed (or a bad heap): the report when noisy or active,
@@ -238,6 +265,21 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
         return 0;
     }
     return heap_block_validate_failed(heap, block, noisy, active);
+}
+// The release path's checks, noisy and active: of the released block
+// (`beside` null) and of a free neighbour of it (`beside` the block on the
+// released side, already found inside the range). A failure is reported
+// and ends in a panic; a block that passes gives its next block (null: the
+// last of the range).
+[[gnu::always_inline]] inline heap_block_t* heap_block_checked(heap_t* heap, heap_block_t* block, const heap_block_t* beside) {
+    if (heap_valid(heap)) {
+        const BlockFailure failure = block_first_failure(heap, block, beside);
+        if (failure.error == nullptr) {
+            return failure.next;
+        }
+    }
+    heap_block_validate_failed(heap, block, TRUE, TRUE);
+    return nullptr;
 }
 [[noreturn]] void heap_bad_heap_panic(heap_t* heap);
 // A block whose size runs past the end of its heap: report, then panic.

@@ -10,6 +10,7 @@
 
 #include "heap.h"
 #include "itable.h"
+#include "priv_itable_steps.h"
 
 namespace {
 
@@ -322,7 +323,7 @@ status_t itable16_bound(itable16_t* table, void* ptr, const index16_t* target_in
 }
 
 void* itable16_lookup(itable16_t* table, const index16_t* target_index) {
-    return itable16_lookup_inline(table, *target_index);
+    return corvex::itable::itable16_steps<0>(table, *target_index);
 }
 
 void* itable16_replace(itable16_t* table, const index16_t* target_index, void* new_pointer) {

@@ -10,6 +10,7 @@
 
 #include "heap.h"
 #include "itable32.h"
+#include "../itable/priv_itable_steps.h"
 
 namespace {
 
@@ -242,9 +243,10 @@ void* itable32_lookup(itable32_t* table, const index32_t* target_index) {
     if (table == nullptr || table->itable32_upper == nullptr) {
         return nullptr;
     }
+    // Both halves are taken from the whole index (see itable16_steps).
     const u_int32_t index = *target_index;
-    auto* lower = static_cast<itable16_t*>(itable16_lookup_inline(table->itable32_upper, upper_of(index)));
-    return lower != nullptr ? itable16_lookup_inline(lower, lower_of(index)) : nullptr;
+    auto* lower = static_cast<itable16_t*>(corvex::itable::itable16_steps<16>(table->itable32_upper, index));
+    return lower != nullptr ? corvex::itable::itable16_steps<0>(lower, index) : nullptr;
 }
 
 void* itable32_replace(itable32_t* table, const index32_t* target_index, void* new_pointer) {

@@ -37,7 +37,7 @@ bool buffer_fits(packet_t* packet, packet_length_t length) {
 void packet_reset_for_handout(packet_t* packet) {
     sheaf_t* sheaf = packet->sheaf;
     packet_buffer_t* buffer = packet->buffer;
-    std::memset(static_cast<void*>(packet), 0, sizeof *packet);
+    *packet = packet_t{};
     packet->sheaf = sheaf;
     packet->buffer = buffer;
     packet->magic = PACKET_MAGIC;

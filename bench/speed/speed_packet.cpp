@@ -79,7 +79,7 @@ Row clone_row(packet_length_t length) {
     build_pools();
     return {"packet_get+packet_clone+two packet_returns, " + std::to_string(length) + " B",
             "the same plus a 128 B clone header",
-            1.0,
+            1.2,
             [length](size_t ops) {
                 for (size_t i = 0; i < ops; ++i) {
                     packet_t* packet = packet_get(length);
