@@ -21,8 +21,13 @@ if(CMAKE_SIZEOF_VOID_P EQUAL 4)
 endif()
 # Dependencies on the system's libraries as dpkg-shlibdeps finds them; the
 # programs' dependency on libcorvex is the component dependency below.
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+find_program(CORVEX_DPKG_SHLIBDEPS dpkg-shlibdeps)
+if(CORVEX_DPKG_SHLIBDEPS)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
+else()
+  message(STATUS "Debian packages: no dpkg-shlibdeps (package dpkg-dev), so no dependencies on system libraries")
+endif()
 
 set(CPACK_COMPONENT_RUNTIME_GROUP library)
 set(CPACK_COMPONENT_DEVELOPMENT_GROUP development)

@@ -9,6 +9,7 @@ path of 1-based positions (libcorvex_vty_tree_1_3_2: the second alternative
 below the third top-level word); where a command may end, its end-of-line
 node is the first alternative. Only libcorvex_vty_tree itself is exported.
 """
+import argparse
 import re
 import sys
 from pathlib import Path
@@ -159,9 +160,11 @@ def generate(top, source):
 
 
 def main():
-    if len(sys.argv) != 3:
-        sys.exit(__doc__)
-    source, output = sys.argv[1:]
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("source", help="the tree's description (utils/vty_tree.txt)")
+    parser.add_argument("output", help="the C++ file to write")
+    arguments = parser.parse_args()
+    source, output = arguments.source, arguments.output
     top = parse(source)
     if not top:
         fail(source, "no command")

@@ -8,6 +8,9 @@ set -euo pipefail
 
 root=$(cd "$(dirname "$0")/.." && pwd)
 builds=${1:-$root/build}
+# shellcheck source=tools/packages.sh
+source "$root/tools/packages.sh"
+install_missing_packages "${corvex_packages_build[@]}" gcc-multilib g++-multilib
 
 mkdir -p "$builds"
 for arch in x86_64 i386; do
