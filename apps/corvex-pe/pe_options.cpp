@@ -75,7 +75,7 @@ int usage(const pe_options_t& defaults) {
            "Exit status: 0 done; 1 a command failed or a heap did not come back to its\n"
            "start-up state; 2 a usage, configuration or input error; 3 the host could not start.\n",
            kName, defaults.config.c_str(), defaults.in_dir.c_str(),
-           defaults.out_dir.empty() ? "none: set HOME or XDG_STATE_HOME" : defaults.out_dir.c_str());
+           defaults.out_dir.empty() ? "none without HOME or XDG_STATE_HOME" : defaults.out_dir.c_str());
     return 0;
 }
 
@@ -95,6 +95,10 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
     defaults.in_dir = data + "/sample";
     defaults.out_dir = out_dir_default();
     options->config = defaults.config;
+    auto refuse = [](const char* option, const char* value, const char* reason) {
+        return host_options_fail(kName, option, value, reason);
+    };
+    static_assert(UINT_MAX == 4294967295u, "the --duration message names the largest value");
     bool out_given = false, duration_given = false;
     for (int code; (code = host_options_next(kName, argc, argv, "c:qh", kLongs)) != -1;) {
         unsigned long seconds = 0;
@@ -107,14 +111,14 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
         case kVersion: host_options_version(kName); return 0;
         case kIn:
             if (strchr(optarg, '=') == nullptr) options->in_dir = optarg;
-            else if (!pair_split(optarg, options->in_files)) return host_options_fail(kName, "--in", optarg, "not DIR or PORT=FILE");
+            else if (!pair_split(optarg, options->in_files)) return refuse("--in", optarg, "not DIR or PORT=FILE");
             break;
         case kPort:
-            if (!pair_split(optarg, options->interfaces)) return host_options_fail(kName, "--port", optarg, "not PORT=IFACE");
+            if (!pair_split(optarg, options->interfaces)) return refuse("--port", optarg, "not PORT=IFACE");
             break;
         case kDuration:
             if (!host_options_number(optarg, 1, UINT_MAX, &seconds))
-                return host_options_fail(kName, "--duration", optarg, "not a whole number of seconds from 1 to 4294967295");
+                return refuse("--duration", optarg, "not a whole number of seconds from 1 to 4294967295");
             options->duration = static_cast<unsigned>(seconds);
             duration_given = true;
             break;
@@ -122,17 +126,17 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
         }
     }
     const bool files = !options->in_dir.empty() || !options->in_files.empty();
-    if (options->interfaces.empty()) {
-        if (duration_given) return host_options_fail(kName, "--duration", nullptr, "applies to live interfaces only (--port)");
-        if (!files) options->in_dir = defaults.in_dir;
-        if (!out_given) {
-            if (defaults.out_dir.empty()) return host_options_fail(kName, "--out", nullptr, "no default folder (neither HOME nor XDG_STATE_HOME is set): give one");
-            options->out_dir = defaults.out_dir;
-            options->out_default = true;
-        }
-    } else {
-        if (files) return host_options_fail(kName, "--in", nullptr, "not with --port: capture files or live interfaces");
-        if (out_given) return host_options_fail(kName, "--out", nullptr, "applies to capture files only, not with --port");
+    if (!options->interfaces.empty()) {
+        if (files) return refuse("--in", nullptr, "not with --port: capture files or live interfaces");
+        if (out_given) return refuse("--out", nullptr, "applies to capture files only, not with --port");
+        return -1;
+    }
+    if (duration_given) return refuse("--duration", nullptr, "applies to live interfaces only (--port)");
+    if (!files) options->in_dir = defaults.in_dir;
+    if (!out_given) {
+        if (defaults.out_dir.empty()) return refuse("--out", nullptr, "no default without HOME or XDG_STATE_HOME");
+        options->out_dir = defaults.out_dir;
+        options->out_default = true;
     }
     return -1;
 }

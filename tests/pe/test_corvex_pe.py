@@ -214,9 +214,10 @@ def bad_input_test(program, work):
 def options_test(program, work):
     """A refused command line ends with status 2 and one line naming the option. Without options
     corvex-pe runs its installed sample and writes into the user's state folder, nowhere else."""
+    seconds = ": not a whole number of seconds from 1 to 4294967295"
     for argv, message in [
-            (["--duration", "abc", "--port", "up=x"], "--duration abc: not a whole number of seconds from 1 to 4294967295"),
-            (["--port=up=x", "--duration=-1"], "--duration -1: not a whole number of seconds from 1 to 4294967295"),
+            (["--duration", "abc", "--port", "up=x"], "--duration abc" + seconds),
+            (["--port=up=x", "--duration=-1"], "--duration -1" + seconds),
             (["--duration", "5"], "--duration: applies to live interfaces only (--port)"),
             (["--port", "up=x", "--out", "o"], "--out: applies to capture files only, not with --port"),
             (["--in", "d", "--port", "up=x"], "--in: not with --port: capture files or live interfaces"),
