@@ -82,6 +82,17 @@ asan=(-DCORVEX_SANITIZE=address,undefined)
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 
+# The option combinations the README names that no build below makes
+# configure as well (the fuzz targets beside the tests, benchmarks alone).
+for combo in "-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCORVEX_FUZZ=ON" \
+             "-DCORVEX_BENCH=ON -DCORVEX_TESTS=OFF"; do
+  echo "== configures: $combo"
+  # shellcheck disable=SC2086
+  cmake -S "$root" -B "$builds/combination" $combo >"$builds/combination.log" 2>&1 \
+    || { cat "$builds/combination.log"; exit 1; }
+  rm -rf "$builds/combination"
+done
+
 run x86_64        ""                 -- -DCORVEX_BENCH=ON
 # CMake's own default generator, as most people and packagers build.
 GENERATOR="Unix Makefiles" \
