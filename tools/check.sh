@@ -3,7 +3,8 @@
 #   native x86-64, 32-bit (-m32), both again under AddressSanitizer +
 #   UndefinedBehaviorSanitizer, the concurrent tests under ThreadSanitizer,
 #   and the fuzz targets for a short bounded time; every configuration
-#   asserts the heaps' and sheaves' internal invariants (CORVEX_INVARIANTS).
+#   asserts the heaps' and sheaves' internal invariants (CORVEX_INVARIANTS)
+#   and treats compiler warnings as errors (CORVEX_WERROR).
 #   First of all, the tests must stay a modest share of the code
 #   (tools/test_share.sh).
 # Usage: tools/check.sh [build-root]      (default: ./build)
@@ -19,8 +20,7 @@ bash "$root/tools/test_share.sh"
 # ---- what the machine needs ------------------------------------------------
 # shellcheck source=tools/packages.sh
 source "$root/tools/packages.sh"
-install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib googletest libbenchmark-dev \
-  pkg-config clang libclang-rt-14-dev libreadline-dev zlib1g-dev libjudy-dev binutils python3 libpcap-dev tshark
+install_missing_packages "${corvex_packages_all[@]}"
 
 ASAN_OPTIONS_ALL=detect_leaks=1:abort_on_error=0:detect_stack_use_after_return=1
 export ASAN_OPTIONS=$ASAN_OPTIONS_ALL
@@ -67,7 +67,8 @@ run() {
   local name=$1 ctest_args=$2; shift 3
   local dir=$builds/$name generator=${GENERATOR:-Ninja}
   echo "== $name: build ($generator)"
-  cmake -S "$root" -B "$dir" -G "$generator" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVEX_INVARIANTS=ON "$@" >"$dir.configure.log" 2>&1 \
+  cmake -S "$root" -B "$dir" -G "$generator" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCORVEX_INVARIANTS=ON \
+    -DCORVEX_WERROR=ON "$@" >"$dir.configure.log" 2>&1 \
     || { cat "$dir.configure.log"; return 1; }
   cmake --build "$dir" -j "$jobs"
   echo "== $name: test"
@@ -80,6 +81,17 @@ asan=(-DCORVEX_SANITIZE=address,undefined)
 
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+
+# The option combinations the README names that no build below makes
+# configure as well (the fuzz targets beside the tests, benchmarks alone).
+for combo in "-DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ -DCORVEX_FUZZ=ON" \
+             "-DCORVEX_BENCH=ON -DCORVEX_TESTS=OFF"; do
+  echo "== configures: $combo"
+  # shellcheck disable=SC2086
+  cmake -S "$root" -B "$builds/combination" $combo >"$builds/combination.log" 2>&1 \
+    || { cat "$builds/combination.log"; exit 1; }
+  rm -rf "$builds/combination"
+done
 
 run x86_64        ""                 -- -DCORVEX_BENCH=ON
 # CMake's own default generator, as most people and packagers build.

@@ -24,6 +24,9 @@ build=$work/build
 logs=$work/logs
 jobs=$(nproc)
 mkdir -p "$src" "$build" "$logs"
+# shellcheck source=tools/packages.sh
+source "$root/tools/packages.sh"
+install_missing_packages "${corvex_packages_tests[@]}" patch
 
 # ---- the copy: every file git knows of (committed or not, ignored excluded) --
 tree_files() { (cd "$root" && git ls-files -co --exclude-standard | while read -r f; do [ -f "$f" ] && echo "$f"; done); }
@@ -53,9 +56,9 @@ restore() {
 build_copy() { cmake --build "$build" -j "$jobs" >"$1" 2>&1; }
 
 # Runs the tests; prints the names of the failed ones (none: all passed).
-# Installing is a packaging check that no library fault can change.
+# Installing and packaging are checks that no library fault can change.
 failed_tests() {
-  (cd "$build" && ctest -j "$jobs" --timeout 120 -E '^install_and_consume$' --output-on-failure) >"$1" 2>&1
+  (cd "$build" && ctest -j "$jobs" --timeout 120 -E '^(install_and_consume|packages_unpacked)$' --output-on-failure) >"$1" 2>&1
   awk '/The following tests FAILED:/ { listed = 1; next } listed && $2 == "-" { print $3 }' "$1" | sort -u | tr '\n' ' '
 }
 

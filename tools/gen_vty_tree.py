@@ -12,6 +12,7 @@ node is the first alternative. Only libcorvex_vty_tree itself is exported.
 SELECTORS.h holds one enumeration per callback of the selectors named in
 the description, for the callbacks to include.
 """
+import argparse
 import re
 import sys
 from pathlib import Path
@@ -205,9 +206,14 @@ def write(path, text):
 
 
 def main():
-    if len(sys.argv) != 4:
-        sys.exit(__doc__)
-    source, output, selectors_output = sys.argv[1:]
+    parser = argparse.ArgumentParser(description=__doc__.split("
+
+")[0])
+    parser.add_argument("source", help="the tree's description (utils/vty_tree.txt)")
+    parser.add_argument("output", help="the C++ file to write")
+    parser.add_argument("selectors_output", metavar="SELECTORS.h", help="the selector header to write")
+    arguments = parser.parse_args()
+    source, output, selectors_output = arguments.source, arguments.output, arguments.selectors_output
     top = parse(source)
     if not top:
         fail(source, "no command")

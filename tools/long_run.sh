@@ -13,7 +13,7 @@ scale=${1:-100}
 seconds=${2:-60}
 # shellcheck source=tools/packages.sh
 source "$root/tools/packages.sh"
-install_missing_packages cmake ninja-build g++ googletest clang libclang-rt-14-dev libpcap-dev python3
+install_missing_packages "${corvex_packages_tests[@]}" clang libclang-rt-14-dev
 
 native=$root/build/long-x86_64
 fuzz=$root/build/long-fuzz

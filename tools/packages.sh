@@ -1,5 +1,18 @@
+# The Debian packages the project's builds need, and their installation.
+# Sourced by the scripts that build (install_missing_packages NAME...,
+# with the sets below); run on its own, it installs a set:
+#   bash tools/packages.sh [build|tests|all]      (default: tests)
+#     build  a build with CORVEX_TESTS=OFF (the library and the programs)
+#     tests  a native build with its tests (the "Building by hand" commands)
+#     all    everything the test command builds: -m32, clang and its
+#            fuzzer runtime, the benchmarks and their peers
+corvex_packages_build=(cmake ninja-build make g++ python3 libreadline-dev libpcap-dev)
+corvex_packages_tests=("${corvex_packages_build[@]}" libgtest-dev libgmock-dev googletest tshark
+  pkg-config dpkg-dev file binutils)
+corvex_packages_all=("${corvex_packages_tests[@]}" gcc-multilib g++-multilib clang libclang-rt-14-dev
+  libbenchmark-dev zlib1g-dev libjudy-dev)
+
 # Installs the Debian packages named as arguments that this machine lacks.
-# Sourced by the scripts that build the project (check.sh, run.sh).
 install_missing_packages() {
   local missing=() p
   for p in "$@"; do
@@ -12,3 +25,13 @@ install_missing_packages() {
   $sudo apt-get update -qq
   DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
 }
+
+if [ "${BASH_SOURCE[0]}" = "$0" ]; then
+  set -euo pipefail
+  case ${1:-tests} in
+    build) install_missing_packages "${corvex_packages_build[@]}" ;;
+    tests) install_missing_packages "${corvex_packages_tests[@]}" ;;
+    all) install_missing_packages "${corvex_packages_all[@]}" ;;
+    *) echo "usage: bash tools/packages.sh [build|tests|all]" >&2; exit 2 ;;
+  esac
+fi

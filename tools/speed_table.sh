@@ -14,7 +14,7 @@ only=("${@:2}")
 
 # shellcheck source=tools/packages.sh
 source "$root/tools/packages.sh"
-install_missing_packages cmake ninja-build g++ gcc-multilib g++-multilib valgrind
+install_missing_packages "${corvex_packages_build[@]}" gcc-multilib g++-multilib valgrind
 
 # Instructions per operation of every contender, as speed_table
 # --instructions reads them: "contender<TAB>instructions<TAB>work". Each

@@ -12,12 +12,11 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 dir=$(realpath -m "${1:-$root/build/valgrind}")
 
-if ! command -v valgrind >/dev/null; then
-  sudo=""; [ "$(id -u)" = 0 ] || sudo=sudo
-  $sudo apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq valgrind >/dev/null
-fi
+# shellcheck source=tools/packages.sh
+source "$root/tools/packages.sh"
+install_missing_packages "${corvex_packages_tests[@]}" valgrind
 
+mkdir -p "$(dirname "$dir")"
 cmake -S "$root" -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >"$dir.configure.log" 2>&1 \
   || { cat "$dir.configure.log"; exit 1; }
 cmake --build "$dir" -j "$(nproc)"

@@ -6,6 +6,7 @@
 //
 //   corvex-pe [--config FILE] [--in DIR | --in PORT=FILE...] [--out DIR]
 //             [--port PORT=IFACE... [--duration SECONDS]] [-c COMMAND...] [-q]
+//             (pe_options.cpp; --help says more)
 //
 // Exit status: 0 done; 1 a command failed or the heaps did not come back
 // to their start-up state; 2 usage, configuration or input error; 3 the
@@ -27,6 +28,7 @@
 #include "host_setup.h"
 #include "pe_config.h"
 #include "pe_forward.h"
+#include "pe_options.h"
 #include "pe_pcap.h"
 
 namespace {
@@ -37,87 +39,26 @@ volatile sig_atomic_t interrupted = 0;
 
 void interrupt_note(int) { interrupted = 1; }
 
-struct Options {
-    const char* config = CORVEX_PE_CONFIG;
-    const char* in_dir = nullptr;
-    std::vector<std::pair<std::string, std::string>> in_files;  // port, file
-    std::vector<std::pair<std::string, std::string>> interfaces;
-    const char* out_dir = "corvex-pe-out";
-    unsigned duration = 0;
-    std::vector<const char*> commands;
-    bool quiet = false;
-};
-
-int usage(FILE* out, int status) {
-    fprintf(out,
-            "usage: %s [--config FILE] [--in DIR | --in PORT=FILE...] [--out DIR]\n"
-            "       %*s [--port PORT=IFACE... [--duration SECONDS]] [-c COMMAND...] [-q]\n"
-            "Forwards frames as an IEEE 802.1BR port extender: from capture files (DIR/PORT.pcap,\n"
-            "default the shipped sample) into DIR/PORT.pcap of --out, or between live interfaces.\n"
-            "Then prints the counters and runs the diagnostic commands (-c, else interactive on a\n"
-            "terminal).\n",
-            kName, static_cast<int>(strlen(kName)), "");
-    return status;
-}
-
-bool pair_split(const char* text, std::vector<std::pair<std::string, std::string>>& pairs) {
-    const char* equals = strchr(text, '=');
-    if (equals == nullptr || equals == text || equals[1] == '\0') return false;
-    pairs.emplace_back(std::string(text, equals), std::string(equals + 1));
-    return true;
-}
-
-// Returns -1 when the options are fine, else the exit status.
-int options_parse(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        const char* option = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
-        if (strcmp(option, "-h") == 0 || strcmp(option, "--help") == 0) return usage(stdout, 0);
-        if (strcmp(option, "-q") == 0) {
-            options.quiet = true;
-            continue;
-        }
-        if (value == nullptr) return usage(stderr, 2);
-        ++i;
-        if (strcmp(option, "-c") == 0) {
-            options.commands.push_back(value);
-        } else if (strcmp(option, "--config") == 0) {
-            options.config = value;
-        } else if (strcmp(option, "--out") == 0) {
-            options.out_dir = value;
-        } else if (strcmp(option, "--in") == 0) {
-            if (strchr(value, '=') == nullptr) options.in_dir = value;
-            else if (!pair_split(value, options.in_files)) return usage(stderr, 2);
-        } else if (strcmp(option, "--port") == 0) {
-            if (!pair_split(value, options.interfaces)) return usage(stderr, 2);
-        } else if (strcmp(option, "--duration") == 0) {
-            options.duration = static_cast<unsigned>(strtoul(value, nullptr, 10));
-        } else {
-            return usage(stderr, 2);
-        }
-    }
-    const bool files = options.in_dir != nullptr || !options.in_files.empty();
-    if (files && !options.interfaces.empty()) {
-        fprintf(stderr, "%s: --in and --port do not mix: capture files or live interfaces\n", kName);
-        return 2;
-    }
-    if (!files && options.interfaces.empty()) options.in_dir = CORVEX_PE_SAMPLE;
-    return -1;
-}
-
 bool file_exists(const std::string& path) {
     struct stat info;
     return stat(path.c_str(), &info) == 0;
 }
 
+// Makes path and the folders above it that are missing.
+bool folder_make(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+        if (mkdir(path.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) return false;
+    return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
+}
+
 // Fills paths (owning the strings) and ports; returns false after a line on stderr.
-bool ports_plan(const Options& options, const pe_config_t& config, std::vector<std::string>& paths,
+bool ports_plan(const pe_options_t& options, const pe_config_t& config, std::vector<std::string>& paths,
                 std::vector<pe_port_io_t>& ports) {
     paths.reserve(2 * config.nports);
     ports.assign(config.nports, pe_port_io_t{});
     auto named = [&](const std::string& name) {
         const int port = pe_config_port_by_name(&config, name.c_str());
-        if (port < 0) fprintf(stderr, "%s: no port named %s in %s\n", kName, name.c_str(), options.config);
+        if (port < 0) fprintf(stderr, "%s: no port named %s in %s\n", kName, name.c_str(), options.config.c_str());
         return port;
     };
     for (const auto& [name, interface] : options.interfaces) {
@@ -126,21 +67,22 @@ bool ports_plan(const Options& options, const pe_config_t& config, std::vector<s
         ports[port].interface = interface.c_str();
     }
     if (!options.interfaces.empty()) return true;
-    if (options.in_dir != nullptr) {
+    if (!options.in_dir.empty()) {
         if (!file_exists(options.in_dir)) {
-            fprintf(stderr, "%s: %s: %s\n", kName, options.in_dir, strerror(errno));
+            fprintf(stderr, "%s: %s: %s\n", kName, options.in_dir.c_str(), strerror(errno));
             return false;
         }
         unsigned found = 0;
         for (unsigned i = 0; i < config.nports; ++i) {
-            std::string path = std::string(options.in_dir) + "/" + config.ports[i].name + ".pcap";
+            std::string path = options.in_dir + "/" + config.ports[i].name + ".pcap";
             if (!file_exists(path)) continue;
             paths.push_back(path);
             ports[i].input = paths.back().c_str();
             ++found;
         }
         if (found == 0) {
-            fprintf(stderr, "%s: %s: no PORT.pcap for any port of %s\n", kName, options.in_dir, options.config);
+            fprintf(stderr, "%s: %s: no PORT.pcap for any port of %s\n", kName, options.in_dir.c_str(),
+                    options.config.c_str());
             return false;
         }
     }
@@ -149,18 +91,20 @@ bool ports_plan(const Options& options, const pe_config_t& config, std::vector<s
         if (port < 0) return false;
         ports[port].input = file.c_str();
     }
-    if (mkdir(options.out_dir, 0777) != 0 && errno != EEXIST) {
-        fprintf(stderr, "%s: %s: %s\n", kName, options.out_dir, strerror(errno));
+    if (!folder_make(options.out_dir)) {
+        fprintf(stderr, "%s: %s: %s\n", kName, options.out_dir.c_str(), strerror(errno));
         return false;
     }
+    if (options.out_default && !options.quiet)
+        fprintf(stderr, "%s: the ports' captures go to %s\n", kName, options.out_dir.c_str());
     for (unsigned i = 0; i < config.nports; ++i) {
-        paths.push_back(std::string(options.out_dir) + "/" + config.ports[i].name + ".pcap");
+        paths.push_back(options.out_dir + "/" + config.ports[i].name + ".pcap");
         ports[i].output = paths.back().c_str();
     }
     return true;
 }
 
-int commands_run(const Options& options) {
+int commands_run(const pe_options_t& options) {
     if (options.commands.empty() && !isatty(STDIN_FILENO)) return 0;
     parser_config* session = cli_session_create(&libcorvex_vty_tree);
     if (session == nullptr) {
@@ -216,11 +160,11 @@ bool heaps_check(const std::vector<HeapAtStart>& at_start) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
-    if (int status = options_parse(argc, argv, options); status >= 0) return status;
-    FILE* config_file = fopen(options.config, "r");
+    pe_options_t options;
+    if (int status = pe_options_parse(argc, argv, &options); status >= 0) return status;
+    FILE* config_file = fopen(options.config.c_str(), "r");
     if (config_file == nullptr) {
-        fprintf(stderr, "%s: %s: %s\n", kName, options.config, strerror(errno));
+        fprintf(stderr, "%s: %s: %s\n", kName, options.config.c_str(), strerror(errno));
         return 2;
     }
     if (host_setup_start(kName) != 0) return 3;
@@ -228,7 +172,7 @@ int main(int argc, char** argv) {
 
     // The forwarding tables live in the first heap, as the device's own do.
     pe_config_t config{};
-    const int read = pe_config_read(&config, config_file, options.config, &bcm_sdk_heap, stderr);
+    const int read = pe_config_read(&config, config_file, options.config.c_str(), &bcm_sdk_heap, stderr);
     fclose(config_file);
     if (read != 0) return 2;
     std::vector<std::string> paths;

@@ -5,8 +5,8 @@ script). Every kind of frame a port extender meets is there: LLDP with and
 without the port-extender TLV, unicast and multicast E-tagged frames (one
 multicast pruned at its source port), VLAN-tagged frames, and frames that
 are short, truncated, malformed or for an unknown E-CID."""
+import argparse
 import os
-import sys
 
 import pe_frames as f
 
@@ -14,7 +14,10 @@ BRIDGE = f.mac(0x100)
 
 
 def main():
-    folder = sys.argv[1] if len(sys.argv) > 1 else os.path.join(os.path.dirname(__file__), "sample")
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0].replace("\n", " "))
+    parser.add_argument("folder", nargs="?", default=os.path.join(os.path.dirname(os.path.abspath(__file__)), "sample"),
+                        help="where to write the PORT.pcap files (default: %(default)s)")
+    folder = parser.parse_args().folder
     os.makedirs(folder, exist_ok=True)
     hosts = {port: f.mac(n) for n, port in enumerate(["p1", "p2", "p3", "p4"], 1)}
     frames = {"upstream": [], "p1": [], "p2": [], "p3": [], "p4": []}

@@ -12,37 +12,51 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <vector>
 
 #include "cli_session.h"
 #include "host_cli.h"
+#include "host_options.h"
 #include "host_setup.h"
 
 namespace {
 
 constexpr char kName[] = "corvex-shell";
 
-int usage(FILE* out, int status) {
-    fprintf(out,
-            "usage: %s [-c COMMAND]...\n"
-            "Runs the diagnostic commands of libcorvex on a demonstration host: the given\n"
-            "commands, else a script on standard input, else an interactive session.\n",
-            kName);
-    return status;
+enum : int { kVersion = 256 };
+
+const option kLongs[] = {
+    {"command", required_argument, nullptr, 'c'},
+    {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, kVersion},
+    {nullptr, 0, nullptr, 0},
+};
+
+int usage() {
+    printf("usage: %s [-c COMMAND]...\n"
+           "Runs the diagnostic commands of libcorvex on a demonstration host: the given\n"
+           "commands, else a script on standard input (one command a line, '#' comments),\n"
+           "else, on a terminal, an interactive session.\n\n"
+           "  -c, --command COMMAND  a command to run (repeatable, in order; default: read\n"
+           "                         standard input)\n"
+           "  -h, --help             print this help and exit\n"
+           "      --version          print the version and exit\n\n"
+           "Exit status: 0 every command line ran; 1 one was unknown, ambiguous, incomplete,\n"
+           "out of range or refused; 2 a usage error; 3 the host could not start.\n",
+           kName);
+    return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::vector<const char*> commands;
-    for (int i = 1; i < argc; ++i) {
-        if (strcmp(argv[i], "-c") == 0 && i + 1 < argc) {
-            commands.push_back(argv[++i]);
-        } else if (strcmp(argv[i], "-h") == 0 || strcmp(argv[i], "--help") == 0) {
-            return usage(stdout, 0);
-        } else {
-            return usage(stderr, 2);
+    for (int code; (code = host_options_next(kName, argc, argv, "c:h", kLongs)) != -1;) {
+        switch (code) {
+        case 'c': commands.push_back(optarg); break;
+        case 'h': return usage();
+        case kVersion: host_options_version(kName); return 0;
+        default: return HOST_OPTIONS_USAGE;  // refused, and said why
         }
     }
     if (host_setup_start(kName) != 0) {

@@ -4,7 +4,8 @@
   test_corvex_pe.py files CORVEX_PE    a generated capture through the program:
                                        counters, every output frame byte for
                                        byte, tshark's decoding, the pools and
-                                       heaps at exit; bad input files
+                                       heaps at exit; bad input files and
+                                       command lines; the defaults
   test_corvex_pe.py live CORVEX_PE     the same path between veth pairs in a
                                        private network namespace, ended by
                                        SIGINT (skipped where not allowed)
@@ -147,8 +148,8 @@ def files_test(program):
         os.mkdir(os.path.join(work, "in"))
         for port in PORTS:
             f.pcap_write(os.path.join(work, "in", port + ".pcap"), inputs[port])
-        result = run([program, "--config", config, "--in", os.path.join(work, "in"), "--out",
-                      os.path.join(work, "out"), "-q", "-c", "show packet statistics", "-c", "show heap"])
+        result = run([program, "--config=" + config, "--in", os.path.join(work, "in"), "--out",
+                      os.path.join(work, "out"), "-q", "-c", "show packet statistics", "--command=show heap"])
         check(result.returncode == 0, "corvex-pe failed:\n" + result.stdout + result.stderr)
         check(result.stderr == "", "corvex-pe complained:\n" + result.stderr)
 
@@ -172,6 +173,7 @@ def files_test(program):
         check("Heaps at exit: 4 walk clean, free bytes as at start-up" in result.stdout, "heaps at exit")
         tshark_check(os.path.join(work, "out", "up.pcap"), rows)
         bad_input_test(program, work)
+        options_test(program, work)
     finally:
         shutil.rmtree(work)
 
@@ -214,6 +216,37 @@ def bad_input_test(program, work):
         result = run([program, "--config", bad + ".conf", "--in", "up=" + bad, "--out", bad + ".out", "-q"])
         check(result.returncode == 2 and result.stderr.startswith("corvex-pe: " + message)
               and result.stderr.count("\n") == 1, "%s: status %d, stderr %r" % (name, result.returncode, result.stderr))
+
+
+def options_test(program, work):
+    """A refused command line ends with status 2 and one line naming the option. Without options
+    corvex-pe runs its installed sample and writes into the user's state folder, nowhere else."""
+    seconds = ": not a whole number of seconds from 1 to 4294967295"
+    for argv, message in [
+            (["--duration", "abc", "--port", "up=x"], "--duration abc" + seconds),
+            (["--port=up=x", "--duration=-1"], "--duration -1" + seconds),
+            (["--duration", "5"], "--duration: applies to live interfaces only (--port)"),
+            (["--port", "up=x", "--out", "o"], "--out: applies to capture files only, not with --port"),
+            (["--in", "d", "--port", "up=x"], "--in: not with --port: capture files or live interfaces"),
+            (["--port", "up"], "--port up: not PORT=IFACE"), (["--in", "=f"], "--in =f: not DIR or PORT=FILE"),
+            (["--frob"], "--frob: unknown option"), (["--co", "x"], "--co: ambiguous: --config, --command"),
+            (["--quiet=1"], "--quiet=1: takes no value"), (["-qx"], "-x: unknown option"),
+            (["--config"], "--config: needs a value"), (["-q", "-c"], "-c: needs a value"),
+            (["--out="], "--out: needs a value, not an empty one"),
+            (["-q", "here"], "here: unexpected argument: every input is given by an option")]:
+        result = run([program] + argv)
+        check((result.returncode, result.stdout, result.stderr) == (2, "", "corvex-pe: %s\n" % message),
+              "%s: status %d, stderr %r" % (argv, result.returncode, result.stderr))
+    check(re.fullmatch(r"corvex-pe \d+\.\d+\.\d+\n", run([program, "--version"]).stdout), "--version")
+    home, cwd = os.path.join(work, "home"), os.path.join(work, "cwd")
+    os.makedirs(cwd)
+    env = dict(os.environ, HOME=home)
+    env.pop("XDG_STATE_HOME", None)
+    result = run([program, "-c", "show heap"], cwd=cwd, env=env)
+    out = os.path.join(home, ".local", "state", "corvex-pe", "out")
+    check(result.returncode == 0 and result.stderr == "corvex-pe: the ports' captures go to %s\n" % out
+          and sorted(os.listdir(out)) == ["p1.pcap", "p2.pcap", "p3.pcap", "p4.pcap", "upstream.pcap"]
+          and os.listdir(cwd) == [], "default run: %d %r %r" % (result.returncode, result.stderr, os.listdir(cwd)))
 
 
 def sample_test():

@@ -42,7 +42,9 @@ protected:
 
     packet_t* pkt_ = nullptr;
     packet_data_t* payload_ = nullptr;
-    ether_802_etag_t etag_ = {0x893F, 0x2005, 0x1064, 0x01, 0x02};
+    // Static: the tag ends in a flexible array, which clang allows in no base
+    // class, and every test is a class derived from this one.
+    static inline ether_802_etag_t etag_ = {0x893F, 0x2005, 0x1064, 0x01, 0x02};
 };
 
 TEST_F(TagTest, ETagThenVlanTagGoAfterTheAddressesAndComeOffAgain) {

@@ -1,0 +1,142 @@
+// corvex-pe's options. The default configuration and sample capture are
+// found from where the program is: CORVEX_PE_DATA is the data folder's
+// path relative to the program's folder, the same in the build tree, in an
+// installed tree and in an unpacked package.
+#include "pe_options.h"
+
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "host_options.h"
+
+namespace {
+
+constexpr char kName[] = "corvex-pe";
+
+enum : int { kConfig = 256, kIn, kOut, kPort, kDuration, kVersion };
+
+const option kLongs[] = {
+    {"config", required_argument, nullptr, kConfig}, {"in", required_argument, nullptr, kIn},
+    {"out", required_argument, nullptr, kOut},       {"port", required_argument, nullptr, kPort},
+    {"duration", required_argument, nullptr, kDuration}, {"command", required_argument, nullptr, 'c'},
+    {"quiet", no_argument, nullptr, 'q'},            {"help", no_argument, nullptr, 'h'},
+    {"version", no_argument, nullptr, kVersion},     {nullptr, 0, nullptr, 0},
+};
+
+// The data folder, its "../" steps taken from the program's own path.
+std::string data_dir() {
+    char path[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", path, sizeof path - 1);
+    std::string folder = length > 0 ? std::string(path, static_cast<size_t>(length)) : std::string(".");
+    folder.erase(folder.rfind('/') == std::string::npos ? 0 : folder.rfind('/'));
+    std::string relative = CORVEX_PE_DATA;
+    while (relative.compare(0, 3, "../") == 0 && !folder.empty()) {
+        folder.erase(folder.rfind('/'));
+        relative.erase(0, 3);
+    }
+    return folder + "/" + relative;
+}
+
+// The default output folder: corvex-pe/out in the user's state folder
+// ($XDG_STATE_HOME, else ~/.local/state); empty when neither is known.
+std::string out_dir_default() {
+    const char* state = getenv("XDG_STATE_HOME");
+    if (state != nullptr && state[0] == '/') return std::string(state) + "/corvex-pe/out";
+    const char* home = getenv("HOME");
+    if (home != nullptr && home[0] == '/') return std::string(home) + "/.local/state/corvex-pe/out";
+    return "";
+}
+
+int usage(const pe_options_t& defaults) {
+    printf("usage: %s [OPTION]...\n"
+           "Forwards frames as an IEEE 802.1BR port extender, from capture files (one PORT.pcap\n"
+           "a port) or between live interfaces, then prints the port counters and runs the\n"
+           "library's diagnostic commands on the same process.\n\n"
+           "      --config FILE       the forwarding configuration\n"
+           "                          (default %s)\n"
+           "      --in DIR            read DIR/PORT.pcap for every port that has one\n"
+           "                          (default %s)\n"
+           "      --in PORT=FILE      read the frames PORT receives from FILE (repeatable)\n"
+           "      --out DIR           write the frames each port sends to DIR/PORT.pcap\n"
+           "                          (default %s)\n"
+           "      --port PORT=IFACE   live mode: PORT is interface IFACE (repeatable; not with\n"
+           "                          --in or --out)\n"
+           "      --duration SECONDS  live mode: stop after SECONDS (default: at SIGINT or SIGTERM)\n"
+           "  -c, --command COMMAND   a diagnostic command to run after the traffic (repeatable;\n"
+           "                          default: an interactive session when standard input is a\n"
+           "                          terminal, else none)\n"
+           "  -q, --quiet             no progress line on standard error\n"
+           "  -h, --help              print this help and exit\n"
+           "      --version           print the version and exit\n\n"
+           "Exit status: 0 done; 1 a command failed or a heap did not come back to its\n"
+           "start-up state; 2 a usage, configuration or input error; 3 the host could not start.\n",
+           kName, defaults.config.c_str(), defaults.in_dir.c_str(),
+           defaults.out_dir.empty() ? "none without HOME or XDG_STATE_HOME" : defaults.out_dir.c_str());
+    return 0;
+}
+
+bool pair_split(const char* text, std::vector<std::pair<std::string, std::string>>& pairs) {
+    const char* equals = strchr(text, '=');
+    if (equals == nullptr || equals == text || equals[1] == '\0') return false;
+    pairs.emplace_back(std::string(text, equals), std::string(equals + 1));
+    return true;
+}
+
+}  // namespace
+
+int pe_options_parse(int argc, char** argv, pe_options_t* options) {
+    const std::string data = data_dir();
+    pe_options_t defaults;
+    defaults.config = data + "/corvex-pe.conf";
+    defaults.in_dir = data + "/sample";
+    defaults.out_dir = out_dir_default();
+    options->config = defaults.config;
+    auto refuse = [](const char* option, const char* value, const char* reason) {
+        return host_options_fail(kName, option, value, reason);
+    };
+    static_assert(UINT_MAX == 4294967295u, "the --duration message names the largest value");
+    bool out_given = false, duration_given = false;
+    for (int code; (code = host_options_next(kName, argc, argv, "c:qh", kLongs)) != -1;) {
+        unsigned long seconds = 0;
+        switch (code) {
+        case kConfig: options->config = optarg; break;
+        case kOut: options->out_dir = optarg, out_given = true; break;
+        case 'c': options->commands.push_back(optarg); break;
+        case 'q': options->quiet = true; break;
+        case 'h': return usage(defaults);
+        case kVersion: host_options_version(kName); return 0;
+        case kIn:
+            if (strchr(optarg, '=') == nullptr) options->in_dir = optarg;
+            else if (!pair_split(optarg, options->in_files)) return refuse("--in", optarg, "not DIR or PORT=FILE");
+            break;
+        case kPort:
+            if (!pair_split(optarg, options->interfaces)) return refuse("--port", optarg, "not PORT=IFACE");
+            break;
+        case kDuration:
+            if (!host_options_number(optarg, 1, UINT_MAX, &seconds))
+                return refuse("--duration", optarg, "not a whole number of seconds from 1 to 4294967295");
+            options->duration = static_cast<unsigned>(seconds);
+            duration_given = true;
+            break;
+        default: return HOST_OPTIONS_USAGE;  // refused, and said why
+        }
+    }
+    const bool files = !options->in_dir.empty() || !options->in_files.empty();
+    if (!options->interfaces.empty()) {
+        if (files) return refuse("--in", nullptr, "not with --port: capture files or live interfaces");
+        if (out_given) return refuse("--out", nullptr, "applies to capture files only, not with --port");
+        return -1;
+    }
+    if (duration_given) return refuse("--duration", nullptr, "applies to live interfaces only (--port)");
+    if (!files) options->in_dir = defaults.in_dir;
+    if (!out_given) {
+        if (defaults.out_dir.empty()) return refuse("--out", nullptr, "no default without HOME or XDG_STATE_HOME");
+        options->out_dir = defaults.out_dir;
+        options->out_default = true;
+    }
+    return -1;
+}
