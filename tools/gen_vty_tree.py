@@ -206,9 +206,7 @@ def write(path, text):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("
-
-")[0])
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("source", help="the tree's description (utils/vty_tree.txt)")
     parser.add_argument("output", help="the C++ file to write")
     parser.add_argument("selectors_output", metavar="SELECTORS.h", help="the selector header to write")
