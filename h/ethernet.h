@@ -62,6 +62,8 @@ CORVEX_API int lldp_cb_pe_tlv_present(unsigned char* rx_buf, int rx_buf_len);
 #define ETHER_802_ETAG_BYTES 8      /* E-tag on the wire */
 #define ETHER_VLAN_TAG_BYTES 4      /* VLAN tag on the wire */
 #define ETHER_VLAN_PCP_SHIFT 13     /* in a VLAN tag's TCI: PCP(3) DEI(1) VID(12) */
+#define ETHER_VLAN_DEI 0x1000u      /* the TCI's DEI */
+#define ETHER_VLAN_VID 0x0FFFu      /* the TCI's VID */
 
 /*
  * An E-tag as exchanged with callers: the three 16-bit words in host byte
@@ -87,6 +89,8 @@ typedef struct ether_802_etag_ {
  * Ingress E-CID, unicast by nature, is numbered alike with GRP 0.
  */
 #define ETHER_802_ETAG_PCP_SHIFT 13 /* E-PCP */
+#define ETHER_802_ETAG_PCP 0xE000u
+#define ETHER_802_ETAG_DEI 0x1000u
 #define ETHER_802_ETAG_RESERVED 0xC000u
 #define ETHER_802_ETAG_GRP 0x3000u
 #define ETHER_802_ETAG_ECID_BASE 0x0FFFu /* E-CID_base and Ingress_E-CID_base */
@@ -114,6 +118,13 @@ static inline void ether_802_etag_ecid_set(ether_802_etag_t* etag, u_int32_t eci
     etag->etag_grp_ecid_base = (u_int16_t)((etag->etag_grp_ecid_base & ETHER_802_ETAG_RESERVED) |
                                            (ecid & (ETHER_802_ETAG_GRP | ETHER_802_ETAG_ECID_BASE)));
     etag->etag_ecid_ext = (u_int8_t)(ecid >> ETHER_802_ECID_EXT_SHIFT);
+}
+
+/* Sets E-PCP (0 to 7) and E-DEI (0 or 1); Ingress_E-CID_base stays. */
+static inline void ether_802_etag_priority_set(ether_802_etag_t* etag, unsigned pcp, unsigned dei) {
+    etag->etag_pd_ig_ecid_base = (u_int16_t)(((pcp << ETHER_802_ETAG_PCP_SHIFT) & ETHER_802_ETAG_PCP) |
+                                             (dei ? ETHER_802_ETAG_DEI : 0u) |
+                                             (etag->etag_pd_ig_ecid_base & ETHER_802_ETAG_ECID_BASE));
 }
 
 /*
