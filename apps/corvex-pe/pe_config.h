@@ -12,17 +12,26 @@
 // An E-CID as one number, as ethernet.h numbers them (0 to
 // ETHER_802_ECID_MAX, multicast when ether_802_ecid_is_multicast).
 using pe_ecid_t = uint32_t;
+// Ports, the upstream port included: a group's members are bits of a
+// 64-bit set.
 constexpr unsigned PE_PORTS_MAX = 64;
-constexpr unsigned PE_NAME_MAX = 16;
+// A port name's longest text; names become capture file names.
+constexpr unsigned PE_NAME_MAX = 32;
+constexpr unsigned PE_GROUPS_MAX = 256;
+// The longest line of the file, its newline not counted.
+constexpr unsigned PE_LINE_MAX = 4096;
 
-// What an extended port does to the VLAN tag of the frames it receives.
+// What an extended port does to the VLAN tags of its frames: keep them,
+// strip the tag of the frames it receives, or be an access port (tag the
+// untagged frames it receives, untag the frames of its VLAN it sends).
 enum pe_vlan_action : uint8_t { PE_VLAN_KEEP, PE_VLAN_STRIP, PE_VLAN_ADD };
 
 struct pe_port_t {
-    char name[PE_NAME_MAX];
-    pe_ecid_t ecid;  // 0 for the upstream port
+    char name[PE_NAME_MAX + 1];
+    uint8_t priority;  // for untagged frames the port receives: 0 to 7
     pe_vlan_action vlan;
     uint16_t vlan_tci;  // for PE_VLAN_ADD: PCP and VID
+    pe_ecid_t ecid;     // 0 for the upstream port
 };
 
 struct pe_group_t {
