@@ -3,8 +3,9 @@
 // the port-extender TLV, frames from the upstream port lose their E-tag and
 // go to the extended port (or, for a multicast E-CID, to every member port
 // but the one they entered by) named by it, frames from an extended port
-// gain an E-tag naming that port and go upstream. Every frame, delivered or
-// not, is counted.
+// gain an E-tag naming that port and carrying their priority and go
+// upstream. LLDP on the upstream port is the port extender's own and ends
+// there. Every frame, delivered or not, is counted.
 #pragma once
 
 #include <cstdint>
@@ -13,31 +14,39 @@
 #include "packet_var.h"
 #include "pe_config.h"
 
-// Why a frame was dropped.
+// Why a frame was dropped; a dropped frame is counted under one reason.
 enum pe_drop_reason : unsigned {
     PE_DROP_TRUNCATED,        // the capture holds less than the frame
-    PE_DROP_SHORT,            // too short for its headers
-    PE_DROP_OVERSIZE,         // longer than any frame the ports carry
-    PE_DROP_MALFORMED,        // an E-tag with reserved bits set
+    PE_DROP_SHORT,            // shorter than its own headers
+    PE_DROP_OVERSIZE,         // longer than PE_FRAME_MAX as it would leave
     PE_DROP_UNTAGGED,         // from the upstream port without an E-tag
     PE_DROP_TAGGED_EXTENDED,  // an E-tag received on an extended port
     PE_DROP_UNKNOWN_ECID,     // names no extended port and no group
-    PE_DROP_NO_PACKET,        // the pools gave no packet or clone
+    PE_DROP_NO_PACKET,        // the pools gave no packet
+    PE_DROP_NO_CLONE,         // a multicast copy for a member could not be made
     PE_DROP_REASONS
 };
 
-// Longest frame taken in, tags included.
+// Longest frame sent, tags included.
 constexpr unsigned PE_FRAME_MAX = 9216;
+// Shortest frame sent: shorter ones get zero bytes appended, as a bridge
+// port pads them.
+constexpr unsigned PE_FRAME_MIN = 60;
 
 struct pe_port_counters_t {
     uint64_t rx_frames, rx_bytes, tx_frames, tx_bytes;
+    // Frames the interface received that never reached the forwarder (the
+    // I/O layer counts them), frames emit did not take.
+    uint64_t rx_lost, tx_lost;
     uint64_t lldp, lldp_pe;  // LLDP frames received, those with the PE TLV
     uint64_t dropped;        // received frames dropped
     uint64_t pruned;         // multicast copies not sent back to this port
 };
 
-// Sends the frame of packet out of port; the packet stays the caller's.
-using pe_emit_fn = void (*)(void* context, unsigned port, const packet_t* packet);
+// Sends the frame of packet (packet->length bytes from frame_start, padded
+// already) out of port; true when the port took it. The packet stays the
+// caller's: emit keeps no reference to it or to its bytes.
+using pe_emit_fn = bool (*)(void* context, unsigned port, const packet_t* packet);
 
 struct pe_forwarder_t {
     const pe_config_t* config;

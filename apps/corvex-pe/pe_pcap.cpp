@@ -210,18 +210,21 @@ void pe_io_close(pe_io_t* io) {
     delete io;
 }
 
-void pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
+bool pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
     auto* io = static_cast<pe_io_t*>(context);
     pe_io_t::Port& port = io->ports[port_index];
     if (port.live) {
-        if (pcap_inject(port.in, packet->frame_start, packet->length) < 0)
+        if (pcap_inject(port.in, packet->frame_start, packet->length) < 0) {
             fprintf(io->err, "corvex-pe: %s: %s\n", port.input, pcap_geterr(port.in));
+            return false;
+        }
     } else if (port.dump != nullptr) {
         pcap_pkthdr header{};
         header.ts = io->now;
         header.caplen = header.len = packet->length;
         pcap_dump(reinterpret_cast<u_char*>(port.dump), &header, packet->frame_start);
     }
+    return true;
 }
 
 int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress) {

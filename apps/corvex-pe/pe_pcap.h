@@ -26,7 +26,7 @@ pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err);
 void pe_io_close(pe_io_t* io);
 
 // The emit function of the forwarder for these ports (context: the pe_io_t).
-void pe_io_emit(void* context, unsigned port, const packet_t* packet);
+bool pe_io_emit(void* context, unsigned port, const packet_t* packet);
 
 // Runs frames through forwarder until the files end, seconds pass in live
 // mode (0: no limit), or *stop is set. Prints a progress line every second

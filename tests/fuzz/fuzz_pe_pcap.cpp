@@ -27,7 +27,7 @@ heap_t buffers;
 pe_config_t config;
 FILE* quiet;
 
-void emit_nothing(void*, unsigned, const packet_t*) {}
+bool emit_nothing(void*, unsigned, const packet_t*) { return true; }
 
 bool setup() {
     static const packet_sheaf_block_t pools[] = {{const_cast<char*>("large"), 1518, 0, 16, 4, nullptr},
