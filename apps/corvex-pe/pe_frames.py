@@ -25,14 +25,14 @@ def ecid_fields(ecid):
     return ecid >> 14 & 0xFF, ecid >> 12 & 3, ecid & 0xFFF
 
 
-def etag(ecid, ingress_ecid=0, pcp=0, reserved=0):
+def etag(ecid, ingress_ecid=0, pcp=0, dei=0, reserved=0):
     """The 8 wire bytes of an E-tag. The ingress E-CID is numbered alike,
     its GRP bits ignored. Fields in the E-tag's words: E-PCP(3) E-DEI(1)
     Ingress_E-CID_base(12), then reserved(2) GRP(2) E-CID_base(12)."""
     ext, grp, base = ecid_fields(ecid)
     ingress_ext, _, ingress_base = ecid_fields(ingress_ecid)
-    return struct.pack(">HHHBB", ETAG_TPID, pcp << 13 | ingress_base, reserved << 14 | grp << 12 | base,
-                       ingress_ext, ext)
+    return struct.pack(">HHHBB", ETAG_TPID, pcp << 13 | dei << 12 | ingress_base,
+                       reserved << 14 | grp << 12 | base, ingress_ext, ext)
 
 
 def frame_ecid(data):
@@ -44,8 +44,8 @@ def frame_ecid(data):
     return ext << 14 | grp_base & 0x3FFF
 
 
-def vlan(vid, pcp=0):
-    return struct.pack(">HH", VLAN_TPID, pcp << 13 | vid)
+def vlan(vid, pcp=0, dei=0):
+    return struct.pack(">HH", VLAN_TPID, pcp << 13 | dei << 12 | vid)
 
 
 def payload(n, size):
