@@ -278,7 +278,8 @@ int group_read(const Reader& reader, Draft& draft, Words& words) {
     while (const char* member = words.take()) {
         if (!name_is_valid(member)) return name_fail(reader, member);
         for (unsigned m = 0; m < count; ++m)
-            if (strcmp(draft.member_names[g][m], member) == 0) return reader.fail("port listed twice in the group", member);
+            if (strcmp(draft.member_names[g][m], member) == 0)
+                return reader.fail("port listed twice in the group", member);
         strcpy(draft.member_names[g][count++], member);
     }
     draft.groups[g] = group;
