@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <cstdarg>
 #include <cstdint>
 #include <string>
 
@@ -181,7 +180,7 @@ struct Match {
     parser_item item{};
 };
 
-// Finds the node at level that word stands for. Prints why when none does
+// Finds the node at level that word stands for. Reports why when none does
 // (unless quiet).
 cli_status match_word(const parser_config& session, Level level, std::string_view word, bool quiet, Match& match) {
     const parser_node_info* exact = nullptr;

@@ -72,26 +72,27 @@ std::mutex terminal_lock;
 
 // While a terminal session reads, SIGINT writes a byte into a pipe that the
 // reader polls beside the terminal, whichever thread the signal lands on.
+// The pipe is made once and kept: a handler still running on another
+// thread when a session ends never writes into a closed descriptor.
 std::atomic<int> interrupt_pipe{-1};
 static_assert(std::atomic<int>::is_always_lock_free, "read in a signal handler");
 
 void interrupt_note(int) {
     const int saved = errno;
-    const int fd = interrupt_pipe.load(std::memory_order_relaxed);
-    if (fd >= 0) (void)!write(fd, "", 1);
+    (void)!write(interrupt_pipe.load(std::memory_order_relaxed), "", 1);
     errno = saved;
 }
 
 class InterruptCatch {
 public:
-    // A process that ignores SIGINT (started in the background) goes on ignoring it.
+    // Called with terminal_lock held. A process that ignores SIGINT (started
+    // in the background) goes on ignoring it.
     InterruptCatch() {
+        static int fds[2] = {-1, -1};
+        if (fds[0] < 0 && pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
         if (sigaction(SIGINT, nullptr, &previous_) != 0 || previous_.sa_handler == SIG_IGN) return;
-        int fds[2];
-        if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
         read_fd_ = fds[0];
-        write_fd_ = fds[1];
-        interrupt_pipe = write_fd_;
+        interrupt_pipe = fds[1];
         struct sigaction action {};
         action.sa_handler = interrupt_note;
         action.sa_flags = SA_RESTART;
@@ -99,11 +100,7 @@ public:
         sigaction(SIGINT, &action, nullptr);
     }
     ~InterruptCatch() {
-        if (read_fd_ < 0) return;
-        sigaction(SIGINT, &previous_, nullptr);
-        interrupt_pipe = -1;
-        close(read_fd_);
-        close(write_fd_);
+        if (read_fd_ >= 0) sigaction(SIGINT, &previous_, nullptr);
     }
     InterruptCatch(const InterruptCatch&) = delete;
     InterruptCatch& operator=(const InterruptCatch&) = delete;
@@ -132,8 +129,7 @@ public:
 
 private:
     struct sigaction previous_ {};
-    int read_fd_ = -1;
-    int write_fd_ = -1;
+    int read_fd_ = -1;  // -1: interrupts keep the process's own action
 };
 
 #if CORVEX_CLI_READLINE
@@ -301,6 +297,13 @@ private:
     int read_errno_ = 0;
 };
 
+// Why a line was not taken.
+std::string input_problem(Got got, int read_errno) {
+    if (got == Got::too_long) return "Line longer than " + std::to_string(CLI_LINE_MAX) + " bytes";
+    if (got == Got::binary) return "Binary data (a NUL byte)";
+    return std::string("Cannot read: ") + strerror(read_errno);
+}
+
 }  // namespace
 
 int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
@@ -319,12 +322,9 @@ int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
             continue;
         }
         if (got != Got::line) {
-            const std::string message = got == Got::too_long ? "Line longer than " + std::to_string(CLI_LINE_MAX) + " bytes"
-                                        : got == Got::binary ? "Binary data (a NUL byte)"
-                                                             : std::string("Cannot read: ") + strerror(input.read_errno());
             {
                 SessionScope scope(session);
-                message_deliver(session, number, message.c_str());
+                message_deliver(session, number, input_problem(got, input.read_errno()).c_str());
             }
             if (got == Got::failed || !input.terminal()) {
                 failures = CLI_INPUT_UNREADABLE;
