@@ -188,7 +188,7 @@ int main(int argc, char** argv) {
     sigaction(SIGTERM, &action, nullptr);
     const int run = pe_io_run(io, &forwarder, options.duration, &interrupted, !options.quiet);
     pe_io_close(io);
-    // From here on an interrupt ends the process as usual, also in the session.
+    // From here on an interrupt ends the process as usual (at the session's prompt it clears the line).
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
     if (interrupted) printf("Interrupted.\n");

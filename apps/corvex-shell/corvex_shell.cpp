@@ -2,16 +2,21 @@
 //
 //   corvex-shell                         interactive on a terminal: line
 //                                        editing, history, '?' help, tab
-//                                        completion; "exit" or end of input
-//   corvex-shell < script                one command a line, '#' comments
+//                                        completion; Ctrl-C clears the line
+//   corvex-shell < script                the same lines, one a line
 //   corvex-shell -c "show heap" [-c ...] the given commands, in order
 //
-// Exit status: 0 when every command line ran, 1 when one was unknown,
-// ambiguous, incomplete, out of range or refused, 2 for a usage error and
-// 3 when the host could not start.
+// Command output goes to standard output; the shell's own messages (a line
+// that makes no command, input that cannot be read) to standard error,
+// naming the command or line. Exit status: 0 when every line ran, 1 when
+// one was refused, 2 for a usage error, unreadable input or a write error
+// on standard output, 3 when the host could not start.
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <vector>
 
 #include "cli_session.h"
@@ -22,6 +27,8 @@
 namespace {
 
 constexpr char kName[] = "corvex-shell";
+constexpr int kInputError = 2;  // also a usage error's (HOST_OPTIONS_USAGE)
+constexpr int kHostError = 3;
 
 enum : int { kVersion = 256 };
 
@@ -35,16 +42,58 @@ const option kLongs[] = {
 int usage() {
     printf("usage: %s [-c COMMAND]...\n"
            "Runs the diagnostic commands of libcorvex on a demonstration host: the given\n"
-           "commands, else a script on standard input (one command a line, '#' comments),\n"
-           "else, on a terminal, an interactive session.\n\n"
+           "commands, else the lines of standard input: a script, or on a terminal an\n"
+           "interactive session. '#' starts a comment, \"exit\" or \"quit\" ends, '?' lists\n"
+           "what may come next; a line holds at most %d bytes and no NUL byte.\n\n"
            "  -c, --command COMMAND  a command to run (repeatable, in order; default: read\n"
            "                         standard input)\n"
            "  -h, --help             print this help and exit\n"
            "      --version          print the version and exit\n\n"
-           "Exit status: 0 every command line ran; 1 one was unknown, ambiguous, incomplete,\n"
-           "out of range or refused; 2 a usage error; 3 the host could not start.\n",
-           kName);
+           "Exit status: 0 every line ran; 1 a line was refused (unknown, ambiguous,\n"
+           "incomplete, out of range, above the security level); 2 a usage error, standard\n"
+           "input unreadable (a directory, a read error, a line too long or holding a NUL\n"
+           "byte: the script stops there) or a write error on standard output; 3 the host\n"
+           "could not start.\n",
+           kName, CLI_LINE_MAX);
     return 0;
+}
+
+// Where the line being executed came from, for the session's messages.
+struct Source {
+    bool terminal;
+    int command;  // the -c count, 0 for standard input
+};
+
+void message_print(void* context, unsigned long line, const char* message) {
+    const auto& source = *static_cast<const Source*>(context);
+    if (source.terminal) {
+        fprintf(stderr, "%% %s\n", message);
+    } else if (source.command > 0) {
+        fprintf(stderr, "%s: command %d: %s\n", kName, source.command, message);
+    } else {
+        fprintf(stderr, "%s: standard input, line %lu: %s\n", kName, line, message);
+    }
+}
+
+// Standard input must be something lines can be read from.
+bool input_check() {
+    struct stat status {};
+    const char* problem = nullptr;
+    if (fstat(STDIN_FILENO, &status) != 0) {
+        problem = strerror(errno);
+    } else if (S_ISDIR(status.st_mode)) {
+        problem = strerror(EISDIR);
+    }
+    if (problem != nullptr) fprintf(stderr, "%s: standard input: %s\n", kName, problem);
+    return problem == nullptr;
+}
+
+// Everything written must have reached standard output.
+bool output_check() {
+    errno = 0;
+    if (fflush(stdout) == 0 && !ferror(stdout)) return true;
+    fprintf(stderr, "%s: standard output: %s\n", kName, errno != 0 ? strerror(errno) : "write error");
+    return false;
 }
 
 }  // namespace
@@ -59,26 +108,30 @@ int main(int argc, char** argv) {
         default: return HOST_OPTIONS_USAGE;  // refused, and said why
         }
     }
-    if (host_setup_start(kName) != 0) {
-        return 3;
-    }
+    if (commands.empty() && !input_check()) return kInputError;
+    if (host_setup_start(kName) != 0) return kHostError;
     host_setup_traffic();
     parser_config* session = cli_session_create(&libcorvex_vty_tree);
     if (session == nullptr) {
         fprintf(stderr, "%s: no memory for a session\n", kName);
-        return 3;
+        return kHostError;
     }
+    Source source{commands.empty() && isatty(STDIN_FILENO) != 0, 0};
+    cli_session_messages_set(session, message_print, &source);
     int failures = 0;
     if (!commands.empty()) {
         for (const char* command : commands) {
-            if (cli_session_execute(session, command) != CLI_OK) ++failures;
+            ++source.command;
+            const cli_status status = cli_session_execute(session, command);
+            if (status == CLI_END) break;
+            if (status != CLI_OK) ++failures;
         }
-    } else if (isatty(STDIN_FILENO)) {
+    } else if (source.terminal) {
         failures = cli_session_run_interactive(session, stdin, stdout, "corvex> ");
     } else {
         failures = cli_session_run_script(session, stdin);
     }
     cli_session_destroy(session);
-    fflush(stdout);
+    if (!output_check() || failures == CLI_INPUT_UNREADABLE) return kInputError;
     return failures == 0 ? 0 : 1;
 }

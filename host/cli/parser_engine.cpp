@@ -20,6 +20,36 @@ const parser_node_info* first_follower(const parser_node_info* node) {
     return static_cast<const parser_node_info*>(node->next_level);
 }
 
+// The alternatives at one position of a line: a chain of the tree's nodes
+// and, at the start of a line, the session's own words after them.
+struct Level {
+    const parser_node_info* nodes = nullptr;
+    const parser_node_info* then = nullptr;
+
+    class iterator {
+    public:
+        iterator(const parser_node_info* node, const parser_node_info* then) : node_(node), then_(then) { settle(); }
+        const parser_node_info* operator*() const { return node_; }
+        iterator& operator++() {
+            node_ = next_alternative(node_);
+            settle();
+            return *this;
+        }
+        bool operator!=(const iterator& other) const { return node_ != other.node_; }
+
+    private:
+        void settle() {
+            if (node_ == nullptr) std::swap(node_, then_);
+        }
+        const parser_node_info* node_;
+        const parser_node_info* then_;
+    };
+    iterator begin() const { return {nodes, then}; }
+    iterator end() const { return {nullptr, nullptr}; }
+};
+
+Level line_start(const parser_config& session) { return {session.tree->top, session_words()}; }
+
 const parser_type_keyword& as_keyword(const parser_node_info* node) {
     return *reinterpret_cast<const parser_type_keyword*>(node);
 }
@@ -135,12 +165,12 @@ std::string value_label(const parser_node_info* node) {
     return text;
 }
 
-void print_range_error(const parser_node_info* node, std::string_view word) {
+void report_range_error(const parser_config& session, const parser_node_info* node, std::string_view word) {
     const std::string label = value_label(node);
     const char* kind = node->type == PARSER_NODE_ADDRESS ? "Address" : "Value";
     // The label's brackets become the range's parentheses: "(0-20)".
-    parser_printf("%% %s \"%.*s\" out of range (%.*s)\n", kind, static_cast<int>(word.size()), word.data(),
-                  static_cast<int>(label.size() - 2), label.c_str() + 1);
+    report(session, "%s \"%s\" out of range (%.*s)", kind, printable(word).c_str(),
+           static_cast<int>(label.size() - 2), label.c_str() + 1);
 }
 
 struct Match {
@@ -150,16 +180,15 @@ struct Match {
     parser_item item{};
 };
 
-// Finds the node at level that word stands for. Prints why when none does
+// Finds the node at level that word stands for. Reports why when none does
 // (unless quiet).
-cli_status match_word(const parser_config& session, const parser_node_info* level, std::string_view word,
-                      bool quiet, Match& match) {
+cli_status match_word(const parser_config& session, Level level, std::string_view word, bool quiet, Match& match) {
     const parser_node_info* exact = nullptr;
     std::vector<const parser_node_info*> abbreviated;
     const parser_node_info* out_of_range = nullptr;
     Match value;
     const std::string text(word);  // nul-terminated for the tree's own parsers
-    for (const parser_node_info* node = level; node != nullptr; node = next_alternative(node)) {
+    for (const parser_node_info* node : level) {
         if (node->type == PARSER_NODE_KEYWORD) {
             const auto& keyword = as_keyword(node);
             if (keyword_is(keyword, word)) {
@@ -203,25 +232,25 @@ cli_status match_word(const parser_config& session, const parser_node_info* leve
     } else if (value.node != nullptr) {
         match = value;
     } else if (out_of_range != nullptr) {
-        if (!quiet) print_range_error(out_of_range, word);
+        if (!quiet) report_range_error(session, out_of_range, word);
         return CLI_OUT_OF_RANGE;
     } else if (abbreviated.size() == 1) {
         return match_word(session, level, as_keyword(abbreviated.front()).keyword, quiet, match);
     } else if (abbreviated.size() > 1) {
         if (!quiet) {
-            parser_printf("%% Ambiguous word \"%.*s\":", static_cast<int>(word.size()), word.data());
-            for (const auto* node : abbreviated) parser_printf(" %s", as_keyword(node).keyword);
-            parser_printf("\n");
+            std::string candidates;
+            for (const auto* node : abbreviated) candidates += std::string(" ") + as_keyword(node).keyword;
+            report(session, "Ambiguous word \"%s\":%s", printable(word).c_str(), candidates.c_str());
         }
         return CLI_AMBIGUOUS;
     } else {
-        if (!quiet) parser_printf("%% Unknown word \"%.*s\"\n", static_cast<int>(word.size()), word.data());
+        if (!quiet) report(session, "Unknown word \"%s\"", printable(word).c_str());
         return CLI_UNKNOWN_WORD;
     }
     if (!permitted(session, match.node)) {
         if (!quiet) {
-            parser_printf("%% \"%.*s\" needs security level %d (session level %d)\n", static_cast<int>(word.size()),
-                          word.data(), match.node->security_level, session.security_level);
+            report(session, "\"%s\" needs security level %d (session level %d)", printable(word).c_str(),
+                   match.node->security_level, session.security_level);
         }
         if (match.extra != nullptr && match.has_item && match.extra->cleanup != nullptr) {
             match.extra->cleanup(&match.item);
@@ -253,26 +282,28 @@ public:
     }
 
     cli_status status = CLI_OK;
-    const parser_node_info* level = nullptr;
+    Level level;
     parser_result result{};
     const parser_cmd_info* extras[PARSER_RESULT_ITEMS_MAX] = {};
 };
 
-void print_too_many_values() { parser_printf("%% Too many values (at most %d)\n", PARSER_RESULT_ITEMS_MAX); }
+void report_too_many_values(const parser_config& session) {
+    report(session, "Too many values (at most %d)", PARSER_RESULT_ITEMS_MAX);
+}
 
 void walk(const parser_config& session, const std::vector<std::string_view>& words, bool quiet, Walk& walk) {
-    walk.level = session.tree->top;
+    walk.level = line_start(session);
     for (std::string_view word : words) {
         Match match;
         walk.status = match_word(session, walk.level, word, quiet, match);
         if (walk.status != CLI_OK) return;
         if (match.has_item && !walk.add(match)) {
             if (match.extra != nullptr && match.extra->cleanup != nullptr) match.extra->cleanup(&match.item);
-            if (!quiet) print_too_many_values();
+            if (!quiet) report_too_many_values(session);
             walk.status = CLI_TOO_MANY_VALUES;
             return;
         }
-        walk.level = first_follower(match.node);
+        walk.level = {first_follower(match.node)};
     }
 }
 
@@ -281,7 +312,7 @@ void walk(const parser_config& session, const std::vector<std::string_view>& wor
 const parser_node_info* find_end(const parser_config& session, Walk& walk) {
     for (;;) {
         const parser_node_info* optional = nullptr;
-        for (const parser_node_info* node = walk.level; node != nullptr; node = next_alternative(node)) {
+        for (const parser_node_info* node : walk.level) {
             if (node->type == PARSER_NODE_END_OF_LINE) return node;
             const bool default_ok = (node->type == PARSER_NODE_UNSIGNED_NUMBER && as_number(node).default_ok) ||
                                     (node->type == PARSER_NODE_ADDRESS && as_address(node).default_ok);
@@ -300,7 +331,7 @@ const parser_node_info* find_end(const parser_config& session, Walk& walk) {
         }
         stand_in.item.source_node = const_cast<parser_node_info*>(optional);
         if (!walk.add(stand_in)) return nullptr;
-        walk.level = first_follower(optional);
+        walk.level = {first_follower(optional)};
     }
 }
 
@@ -346,20 +377,21 @@ cli_status execute_words(parser_config& session, const std::vector<std::string_v
     const parser_node_info* end = find_end(session, line);
     if (end == nullptr) {
         if (line.result.item_count == PARSER_RESULT_ITEMS_MAX) {
-            print_too_many_values();
+            report_too_many_values(session);
             return CLI_TOO_MANY_VALUES;
         }
-        parser_printf("%% Incomplete command\n");
+        report(session, "Incomplete command");
         return CLI_INCOMPLETE;
     }
     if (!permitted(session, end)) {
-        parser_printf("%% Command needs security level %d (session level %d)\n", end->security_level,
-                      session.security_level);
+        report(session, "Command needs security level %d (session level %d)", end->security_level,
+               session.security_level);
         return CLI_DENIED;
     }
+    if (session_ends_at(end)) return CLI_END;
     const parser_type_end_of_line& command = as_end(end);
     if (command.callback == nullptr) {
-        parser_printf("%% Command has no handler\n");
+        report(session, "Command has no handler");
         return CLI_NO_HANDLER;
     }
     if (session.debugging) print_command("parser", line.result, command.magic_number, line.extras);
@@ -379,7 +411,7 @@ cli_status list_help(const parser_config& session, const std::vector<std::string
     std::vector<Entry> entries;
     u_int64_t ignored = 0;
     const bool partial_is_number = !partial.empty() && parse_unsigned(partial, ignored) != Syntax::not_number;
-    for (const parser_node_info* node = line.level; node != nullptr; node = next_alternative(node)) {
+    for (const parser_node_info* node : line.level) {
         if (!listed(session, node)) continue;
         const char* help = node->help != nullptr ? node->help : "";
         if (node->type == PARSER_NODE_KEYWORD) {
@@ -395,11 +427,12 @@ cli_status list_help(const parser_config& session, const std::vector<std::string
             entries.push_back({label, help});
         }
     }
+    if (words.empty() && partial.empty()) entries.push_back({"#", "a comment: the line is ignored"});
     if (entries.empty()) {
         if (partial.empty()) {
-            parser_printf("%% Nothing may follow\n");
+            report(session, "Nothing may follow");
         } else {
-            parser_printf("%% Unknown word \"%.*s\"\n", static_cast<int>(partial.size()), partial.data());
+            report(session, "Unknown word \"%s\"", printable(partial).c_str());
         }
         return CLI_UNKNOWN_WORD;
     }
@@ -422,7 +455,7 @@ std::vector<std::string> completions(const parser_config& session, const std::ve
     walk(session, words, true, line);
     if (line.status != CLI_OK) return found;
     const std::string prefix(partial);
-    for (const parser_node_info* node = line.level; node != nullptr; node = next_alternative(node)) {
+    for (const parser_node_info* node : line.level) {
         if (!listed(session, node)) continue;
         if (node->type == PARSER_NODE_KEYWORD) {
             if (keyword_starts_with(as_keyword(node), partial)) found.emplace_back(as_keyword(node).keyword);

@@ -1,4 +1,7 @@
-// Sessions: one terminal's parser state, driven one line or one script at a time.
+// Sessions: one terminal's parser state, driven one line or one script at
+// a time, and the messages it gives about lines that make no command.
+#include <algorithm>
+#include <cstdarg>
 #include <cstdlib>
 #include <new>
 #include <string>
@@ -40,6 +43,64 @@ SessionScope::~SessionScope() {
     current_session = previous_session_;
 }
 
+void message_deliver(const parser_config& session, unsigned long number, const char* message) {
+    if (session.message_sink != nullptr) {
+        session.message_sink(session.message_context, number, message);
+    } else {
+        parser_printf("%% %s\n", message);
+    }
+}
+
+void report(const parser_config& session, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    va_list again;
+    va_copy(again, args);
+    std::string message(static_cast<size_t>(std::max(vsnprintf(nullptr, 0, format, args), 0)), '\0');
+    va_end(args);
+    vsnprintf(message.data(), message.size() + 1, format, again);
+    va_end(again);
+    message_deliver(session, session.line_number, message.c_str());
+}
+
+std::string printable(std::string_view word) {
+    std::string shown;
+    for (const char c : word) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte == '\\') {
+            shown += "\\\\";
+        } else if (byte >= 0x20 && byte < 0x7f) {
+            shown += c;
+        } else {
+            char escaped[5];
+            snprintf(escaped, sizeof escaped, "\\x%02x", byte);
+            shown += escaped;
+        }
+    }
+    return shown;
+}
+
+cli_status execute_line(parser_config& session, std::string_view text, unsigned long number) {
+    SessionScope scope(session);
+    const size_t first = text.find_first_not_of(" \t\r\n");
+    if (first == std::string_view::npos || text[first] == '#') return CLI_OK;
+    session.line_number = number;
+    const size_t last = text.find_last_not_of(" \t\r\n");
+    cli_status status;
+    if (text[last] == '?') {
+        // "show ?" lists what follows show; "show h?" the words starting with h.
+        text = text.substr(0, last);
+        auto [words, partial] = split_partial(text);
+        status = list_help(session, words, partial);
+    } else {
+        status = execute_words(session, split_words(text));
+        if (status == CLI_OK) ++session.executed;
+    }
+    if (status != CLI_OK && status != CLI_END) ++session.failed;
+    session.line_number = 0;
+    return status;
+}
+
 }  // namespace corvex_cli
 
 using namespace corvex_cli;
@@ -57,6 +118,12 @@ extern "C" void cli_session_output_set(parser_config* session, cli_output_sink_t
     std::lock_guard guard(session->lock);
     session->sink = sink;
     session->sink_context = context;
+}
+
+extern "C" void cli_session_messages_set(parser_config* session, cli_message_sink_t sink, void* context) {
+    std::lock_guard guard(session->lock);
+    session->message_sink = sink;
+    session->message_context = context;
 }
 
 extern "C" int cli_session_security_level(const parser_config* session) {
@@ -81,21 +148,7 @@ extern "C" int cli_session_single_line_mode(const parser_config* session) {
 
 extern "C" cli_status cli_session_execute(parser_config* session, const char* line) {
     if (session == nullptr || line == nullptr) return CLI_INVALID;
-    SessionScope scope(*session);
-    std::string_view text = line;
-    const size_t last = text.find_last_not_of(" \t\r\n");
-    cli_status status;
-    if (last != std::string_view::npos && text[last] == '?') {
-        // "show ?" lists what follows show; "show h?" the words starting with h.
-        text = text.substr(0, last);
-        auto [words, partial] = split_partial(text);
-        status = list_help(*session, words, partial);
-    } else {
-        status = execute_words(*session, split_words(text));
-        if (status == CLI_OK) ++session->executed;
-    }
-    if (status != CLI_OK) ++session->failed;
-    return status;
+    return execute_line(*session, line, 0);
 }
 
 extern "C" int cli_session_complete(parser_config* session, const char* line,
@@ -114,22 +167,7 @@ extern "C" int cli_session_complete(parser_config* session, const char* line,
 
 extern "C" int cli_session_run_script(parser_config* session, FILE* in) {
     if (session == nullptr || in == nullptr) return -1;
-    int failures = 0;
-    char* line = nullptr;
-    size_t capacity = 0;
-    for (int number = 1; getline(&line, &capacity, in) >= 0; ++number) {
-        const std::string_view text = line;
-        const size_t first = text.find_first_not_of(" \t\r\n");
-        if (first == std::string_view::npos || text[first] == '#') continue;
-        if (cli_session_execute(session, line) != CLI_OK) {
-            ++failures;
-            const std::string_view command = text.substr(first, text.find_last_not_of(" \t\r\n") + 1 - first);
-            SessionScope scope(*session);
-            parser_printf("%% Script line %d: %.*s\n", number, static_cast<int>(command.size()), command.data());
-        }
-    }
-    free(line);
-    return failures;
+    return lines_run(*session, in, nullptr, nullptr);
 }
 
 extern "C" const char* cli_session_history(const parser_config* session, int index) {

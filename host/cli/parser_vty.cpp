@@ -5,9 +5,17 @@
 //   clear               forget the session's history and counters
 //   test                echo the values and selector a command arrived with
 //   single-line-mode    toggle plain line reading (no editing, no history)
+// and the session's own words, which follow the tree's top-level words:
+//   exit, quit          end the session
 #include "priv_parser.h"
 
 namespace {
+
+parser_type_end_of_line session_end = {{PARSER_NODE_END_OF_LINE, nullptr, nullptr, nullptr, 0}, nullptr, 0};
+parser_type_keyword quit_word = {
+    {PARSER_NODE_KEYWORD, &session_end, nullptr, "end the session", 0}, "quit", 0, 0, 0, 0};
+parser_type_keyword exit_word = {
+    {PARSER_NODE_KEYWORD, &session_end, &quit_word, "end the session", 0}, "exit", 0, 0, 0, 0};
 
 // The session running the command; prints the reason and yields null when
 // a handler is called outside any session.
@@ -20,6 +28,14 @@ parser_config* executing_session() {
 const char* on_off(bool value) { return value ? "on" : "off"; }
 
 }  // namespace
+
+namespace corvex_cli {
+
+const parser_node_info* session_words() { return &exit_word.info; }
+
+bool session_ends_at(const parser_node_info* end) { return end == &session_end.info; }
+
+}  // namespace corvex_cli
 
 extern "C" void parser_vty_debug(parser_config*, parser_result*, u_int32_t) {
     if (parser_config* session = executing_session()) {
@@ -49,7 +65,7 @@ extern "C" void parser_vty_set(parser_config*, parser_result* result, u_int32_t)
     parser_config* session = executing_session();
     if (session == nullptr) return;
     if (result == nullptr || result->item_count < 1 || result->item[0].type != PARSER_RES_unsigned_number) {
-        parser_printf("%% Nothing to set\n");
+        corvex_cli::report(*session, "Nothing to set");
         return;
     }
     session->security_level = static_cast<int>(static_cast<u_int32_t>(result->item[0].data.unsigned_number));

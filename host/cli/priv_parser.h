@@ -16,6 +16,9 @@ struct _parser_config {
     bool single_line = false;
     cli_output_sink_t sink = nullptr;
     void* sink_context = nullptr;
+    cli_message_sink_t message_sink = nullptr;
+    void* message_context = nullptr;
+    unsigned long line_number = 0;  // of the line executing, for its messages
     std::vector<std::string> history;
     unsigned long executed = 0;
     unsigned long failed = 0;
@@ -28,6 +31,30 @@ namespace corvex_cli {
 
 // Splits a line into words at blanks.
 std::vector<std::string_view> split_words(std::string_view line);
+
+// The session's own words ("exit", "quit"), offered after the tree's
+// top-level words, and whether an end node is theirs.
+const parser_node_info* session_words();
+bool session_ends_at(const parser_node_info* end);
+
+// One of the session's own messages (without "% " and newline), about
+// input line `number`, to its message sink or its output.
+void message_deliver(const parser_config& session, unsigned long number, const char* message);
+
+// Formats a message about the line executing and delivers it.
+void report(const parser_config& session, const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+// A word from the input as messages show it: bytes that are not printable
+// ASCII as \xHH, a backslash doubled.
+std::string printable(std::string_view word);
+
+// Executes a line of input numbered `number` (0: not from an input):
+// comments, '?' help, the session's words and commands.
+cli_status execute_line(parser_config& session, std::string_view line, unsigned long number);
+
+// Reads the lines of in (prompting on a terminal) and executes them until
+// the end, "exit" or "quit"; the cli_session_run_* result.
+int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt);
 
 // Parses words against the session's tree and calls the command's
 // callback, printing a message when the line does not make a command.

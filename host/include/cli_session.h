@@ -15,8 +15,15 @@
  * - A node whose security_level is above the session's level is refused.
  * - A line ending in '?' lists what may come next (or the words starting
  *   with the last, unfinished word) with their help texts.
- * All text, messages included, goes through parser_printf to the session's
- * output. Messages start with "% ".
+ * - A line whose first word starts with '#' is a comment. The session's
+ *   own words "exit" and "quit" end it; '?' lists them (and '#') after the
+ *   tree's top-level words.
+ * - A line read from input holds at most CLI_LINE_MAX bytes and no NUL byte.
+ * Command text goes through parser_printf to the session's output. The
+ * session's own messages (why a line made no command) go there too, as
+ * "% MESSAGE", unless the session has a message sink; words from the input
+ * appear in them with every byte that is not printable ASCII written as
+ * \xHH (and a backslash doubled), so no control byte reaches a terminal.
  *
  * The host's root handlers (parser_vty_*) act on the session executing them:
  *   parser_vty_debug / parser_vty_undebug  trace every command's selector and
@@ -51,8 +58,28 @@ typedef enum cli_status {
     CLI_DENIED = 5,          /* a node asks for a higher security level */
     CLI_TOO_MANY_VALUES = 6, /* more than PARSER_RESULT_ITEMS_MAX values */
     CLI_NO_HANDLER = 7,      /* the command's end node has no callback */
+    CLI_END = 8,             /* "exit" or "quit": the session is over */
     CLI_INVALID = 22         /* no session or no line */
 } cli_status;
+
+/* The longest line a session reads, in bytes, newline not included. */
+#define CLI_LINE_MAX 4096
+
+/*
+ * What cli_session_run_script and cli_session_run_interactive return when
+ * they stopped at input that is no command line: a line longer than
+ * CLI_LINE_MAX or holding a NUL byte (from anything but a terminal), or a
+ * read error. The message says which, with the line's number.
+ */
+#define CLI_INPUT_UNREADABLE (-2)
+
+/*
+ * Receives each of the session's own messages: one line of text without
+ * the "% " and the newline, and the number of the input line it is about
+ * (counted from 1 by cli_session_run_script and cli_session_run_interactive;
+ * 0 for cli_session_execute).
+ */
+typedef void (*cli_message_sink_t)(void* context, unsigned long line, const char* message);
 
 /* A new session on tree at security level 0; null when tree is null or memory is short. */
 parser_config* cli_session_create(const parser_tree_info* tree);
@@ -65,12 +92,18 @@ void cli_session_destroy(parser_config* session);
  */
 void cli_session_output_set(parser_config* session, cli_output_sink_t sink, void* context);
 
+/* Where the session's own messages go; a null sink, the default, prints them as command text. */
+void cli_session_messages_set(parser_config* session, cli_message_sink_t sink, void* context);
+
 int cli_session_security_level(const parser_config* session);
 void cli_session_security_level_set(parser_config* session, int level);
 int cli_session_debugging(const parser_config* session);
 int cli_session_single_line_mode(const parser_config* session);
 
-/* Executes one command line, or lists help when it ends in '?'. */
+/*
+ * Executes one command line, or lists help when it ends in '?'; a comment
+ * or a blank line does nothing.
+ */
 cli_status cli_session_execute(parser_config* session, const char* line);
 
 /*
@@ -81,19 +114,22 @@ int cli_session_complete(parser_config* session, const char* line,
                          void (*each)(void* context, const char* word), void* context);
 
 /*
- * Executes every line of in, skipping empty lines and lines starting with
- * '#'; a failed line is reported with its number and the script goes on.
- * Returns the number of failed lines, or -1 for a null session or stream.
+ * Executes the lines of in until its end or "exit" / "quit"; a refused line
+ * is reported with its number and the script goes on. Returns the number of
+ * refused lines, CLI_INPUT_UNREADABLE, or -1 for a null session or stream.
  */
 int cli_session_run_script(parser_config* session, FILE* in);
 
 /*
- * Reads commands from in until its end or "exit" / "quit", prompting on out
- * when in is a terminal. On a terminal with GNU readline available and
- * single-line mode off, lines are edited with history, '?' lists help at
- * once and tab completes words; otherwise plain lines are read. Command
- * text goes to out unless the session has its own output. Returns the
- * number of failed commands, or -1 for a null session or stream.
+ * As cli_session_run_script, prompting on out when in is a terminal; command
+ * text goes to out unless the session has its own output. On a terminal
+ * with GNU readline available and single-line mode off, lines are edited
+ * with history, '?' lists help at once and tab completes words; otherwise
+ * plain lines are read. At a terminal an interrupt (Ctrl-C, SIGINT) clears
+ * the line being typed and prompts again, the process's own SIGINT action
+ * coming back when the session ends, and a line too long or holding a NUL
+ * byte is refused without ending the session. One terminal session runs at
+ * a time in a process.
  */
 int cli_session_run_interactive(parser_config* session, FILE* in, FILE* out, const char* prompt);
 

@@ -59,18 +59,81 @@ TEST(HeapAlloc, SplitsOnlyPastAHeaderAndAMinimumBlockAndAccountsEveryByte) {
     EXPECT_EQ(std::tuple(heap->stats.splits, heap->stats.allocs, heap->free_bytes),
               std::tuple(before.splits + 1, before.allocs + 1, heap->size - 104 - kHdr));
     EXPECT_EQ(heap_block_size(heap_malloc(heap, 0)), 16u);
-    heap = make_heap(65536);
-    for (size_t extra : {kHdr + 16, kHdr + 24}) {  // room for a 16- or a 24-byte fragment
-        void* spare = heap_malloc(heap, 64 + extra);
-        void* guard = heap_malloc(heap, 16);
-        heap_free(heap, spare);
-        void* q = heap_malloc(heap, 64);
-        ASSERT_EQ(q, spare);
-        EXPECT_EQ(hdr(q)->size, extra == kHdr + 24 ? 64 : 64 + extra);
-        heap_free(heap, q);
-        heap_free(heap, guard);
+}
+
+std::vector<heap_block_t*> blocks_on(const heap_freelist_t* list) {
+    std::vector<heap_block_t*> blocks;
+    for (const list_item_t* link = list->blocks.head; link != nullptr; link = link->next)
+        blocks.push_back(reinterpret_cast<heap_block_t*>(reinterpret_cast<uintptr_t>(link) - offsetof(heap_block_t, x)));
+    return blocks;
+}
+
+// Which free block an allocation takes, where it is cut and where the rest
+// goes. A request up to 4096 bytes takes the head of the first sized list
+// certain to hold it; a larger one searches the default list (blocks of
+// 32768 bytes or more) for the smallest that fits, stopping at a block at
+// most 8 bytes over or 33 blocks from the first that fits. A block more
+// than a header and 16 bytes over is split: the fragment goes to the head
+// of its list.
+TEST(HeapAlloc, TakesTheBlockTheSearchChooses) {
+    constexpr size_t R = 40000, kNone = SIZE_MAX, kDefault = 0;
+    const auto runs = [](std::initializer_list<std::pair<size_t, size_t>> counted) {
+        std::vector<size_t> sizes;
+        for (auto [count, size] : counted) sizes.insert(sizes.end(), count, size);
+        return sizes;
+    };
+    const struct {
+        const char* what;
+        std::vector<size_t> free;  // free blocks, each list read from its head
+        size_t request;
+        size_t taken;          // index in `free`
+        size_t size;           // the taken block's size
+        size_t fragment_list;  // where the fragment went, if any
+    } rows[] = {
+        {"a block at most 8 over ends the search", {R + 16, R + 8, R}, R, 1, R + 8, kNone},
+        {"an exact fit ends it", {R + 16, R, R + 8}, R, 1, R, kNone},
+        {"else the smallest that fits", {R + 200, R - 8, R + kHdr + 24, R + 300}, R, 2, R, 24},
+        {"equal sizes: the nearer the head", {R + 200, R + 24, R + 24}, R, 1, R + 24, kNone},
+        {"a header and 16 over: taken whole", {R + kHdr + 16}, R, 0, R + kHdr + 16, kNone},
+        {"a large fragment: the default list's head", {R + 40000, R + 33000}, R, 1, R, kDefault},
+        {"the 33rd block from the first that fits", runs({{1, R + 400}, {31, R + 800}, {1, R + 200}}), R, 32, R, 128},
+        {"the 34th is not looked at", runs({{1, R + 400}, {32, R + 800}, {1, R + 200}}), R, 0, R, 256},
+        {"blocks too small do not count", runs({{40, R - 8}, {1, R + 400}, {31, R + 800}, {1, R + 200}}), R, 72, R,
+         128},
+        {"the head of the first list certain to fit", {120, 104 + kHdr + 72, 136}, 100, 1, 104, 64},
+        {"a sized list's block, a header and 16 over: whole", {64 + kHdr + 16}, 64, 0, 64 + kHdr + 16, kNone},
+        {"a header and 24 over: a 24-byte fragment", {64 + kHdr + 24}, 64, 0, 64, 24},
+        {"no sized list holds it: the default list", {R + 8}, 5000, 0, 5000, kDefault},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        size_t bytes = 1 << 17;
+        for (size_t size : row.free) bytes += size + 2 * kHdr + 16;
+        heap_t* heap = make_heap(bytes / 64 * 64);
+        std::vector<void*> free = alloc_guarded(heap, row.free);
+        for (size_t i = free.size(); i-- > 0;) heap_free(heap, free[i]);  // each list reads in row order
+        heap_freelist_t* deflt = &heap->freelist_table[0];
+        heap_block_t* rest = blocks_on(deflt).back();
+        void* p = heap_malloc(heap, row.request);
+        ASSERT_EQ(p, free[row.taken]);
+        EXPECT_EQ(hdr(p)->size, row.size);
+        heap_block_t* next = next_of(hdr(p));
+        std::vector<heap_block_t*> expected_default;
+        if (row.fragment_list == kNone) {
+            EXPECT_EQ(+next->header.allocated, 1u) << "the guard follows: no fragment";
+        } else {
+            EXPECT_EQ(next->size, row.free[row.taken] - kHdr - row.size);
+            heap_freelist_t* home =
+                row.fragment_list == kDefault ? deflt : heap_freelist_find_by_size(heap, row.fragment_list, FALSE);
+            EXPECT_EQ(std::tuple(home->size, blocks_on(home).front()), std::tuple(row.fragment_list, next));
+            if (row.fragment_list == kDefault) expected_default.push_back(next);
+        }
+        for (size_t i = 0; i < free.size(); ++i)
+            if (i != row.taken && row.free[i] >= 32768) expected_default.push_back(hdr(free[i]));
+        expected_default.push_back(rest);
+        EXPECT_EQ(blocks_on(deflt), expected_default);
+        EXPECT_EQ(walk(heap), 0);
     }
-    expect_whole(heap);
 }
 
 TEST(HeapAlloc, FreedBlocksGoToTheListTheirSizeSelects) {
@@ -81,10 +144,6 @@ TEST(HeapAlloc, FreedBlocksGoToTheListTheirSizeSelects) {
         heap_free(heap, freed[i]);
         EXPECT_EQ(heap->freelist_table[hdr(freed[i])->freelist_id].size, lists[i]) << sizes[i];
     }
-    heap = make_heap(65536);
-    auto b = alloc_guarded(heap, {64, 64});
-    heap_free(heap, b[0]), heap_free(heap, b[1]);
-    EXPECT_EQ(heap_malloc(heap, 64), b[1]) << "last in, first out";
 }
 
 TEST(HeapFree, ReferenceCountsPoisonAndMergesWithBothNeighbours) {

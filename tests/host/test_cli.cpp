@@ -46,6 +46,9 @@ TEST_F(Parser, LinesReachTheirCommandsOrFailWithTheirMessage) {
         {"show heap 0x7", missing},
         {"  sh   he\t7 ", missing},  // abbreviations, spaces and tabs
         {"", ""},
+        {"  # show heap 7", ""},
+        {"q", "", CLI_END},  // the session's own words follow the tree's
+        {"exit now", "% Unknown word \"now\"\n", CLI_UNKNOWN_WORD},
         {"SHOW heap 7", "% Unknown word \"SHOW\"\n", CLI_UNKNOWN_WORD},  // case matters
         {"s", "% Ambiguous word \"s\": show set\n", CLI_AMBIGUOUS},    // hidden words take no part
         {"single", "% Unknown word \"single\"\n", CLI_UNKNOWN_WORD},    // and are never abbreviated
