@@ -78,6 +78,7 @@ TEST(Shell, PrintsWhatItRanAndWhatItRefused) {
          {"-c", "show heapz", "-c", "s", "-c", "set security 21", "-c", "show heap 0 sanity active", "-c",
           "show heap 0 accounting", "-c", "show packet"}},
         {"what may come first", {"-c", "?"}},
+        {"the shell's own command; maps that cannot be written", {"-c", "heap-map ?", "--heap-map", "/dev/null/maps"}},
         {"a script: comments, blank lines, control bytes shown escaped, help, exit",
          {},
          "show packet statistics\n\n   # a comment\nbogus\n\x1b[31mred\x7f\\x01 heap\nshow ?\nexit\nshow packet\n"},
