@@ -51,12 +51,12 @@ std::string function_name_of(const char* symbol) {
     return name;
 }
 
+#if CORVEX_DIAG_LIBDW
+
 std::string source_name_of(const char* path) {
     constexpr size_t kTop = sizeof CORVEX_SOURCE_DIR - 1;
     return strncmp(path, CORVEX_SOURCE_DIR, kTop) == 0 ? path + kTop : path;
 }
-
-#if CORVEX_DIAG_LIBDW
 
 Dwfl* session = nullptr;
 
@@ -108,10 +108,9 @@ bool find(uintptr_t pc, diag_symbol_t* symbol) {
 
 bool find(uintptr_t pc, diag_symbol_t* symbol) {
     Dl_info info{};
-    const ElfW(Sym)* elf_symbol = nullptr;
-    if (dladdr1(reinterpret_cast<void*>(pc - 1), &info, reinterpret_cast<void**>(&elf_symbol), RTLD_DL_SYMENT) == 0) {
-        return false;
-    }
+    void* entry = nullptr;
+    if (dladdr1(reinterpret_cast<void*>(pc - 1), &info, &entry, RTLD_DL_SYMENT) == 0) return false;
+    const auto* elf_symbol = static_cast<const ElfW(Sym)*>(entry);
     symbol->object = file_name_of(info.dli_fname != nullptr ? info.dli_fname : "");
     symbol->object_offset = pc - reinterpret_cast<uintptr_t>(info.dli_fbase);
     const auto start = reinterpret_cast<uintptr_t>(info.dli_saddr);
