@@ -6,11 +6,12 @@
 //
 //   corvex-pe [--config FILE] [--in DIR | --in PORT=FILE...] [--out DIR]
 //             [--port PORT=IFACE... [--duration SECONDS]] [-c COMMAND...] [-q]
-//             (pe_options.cpp; --help says more)
+//             [--heap-map DIR] [--trace FILE] [--drops FILE] [--counters FILE] [--leaks]
+//             (pe_options.cpp; --help says more; the diagnostics: pe_diagnostics.h)
 //
 // Exit status: 0 done; 1 a command failed or the heaps did not come back
-// to their start-up state; 2 usage, configuration or input error; 3 the
-// host could not start.
+// to their start-up state; 2 usage, configuration, input or output error;
+// 3 the host could not start.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,13 +24,17 @@
 #include <vector>
 
 #include "cli_session.h"
+#include "diag_call_sites.h"
+#include "diag_commands.h"
 #include "heap.h"
 #include "host_cli.h"
 #include "host_setup.h"
 #include "pe_config.h"
+#include "pe_diagnostics.h"
 #include "pe_forward.h"
 #include "pe_options.h"
 #include "pe_pcap.h"
+#include "pe_phases.h"
 
 namespace {
 
@@ -104,13 +109,18 @@ bool ports_plan(const pe_options_t& options, const pe_config_t& config, std::vec
     return true;
 }
 
-int commands_run(const pe_options_t& options) {
+// The commands, the library's and heap-map, their accounting reports
+// naming the call sites of their PCs.
+int commands_run(const pe_options_t& options, DiagCommands& own) {
     if (options.commands.empty() && !isatty(STDIN_FILENO)) return 0;
-    parser_config* session = cli_session_create(&libcorvex_vty_tree);
+    PePhase phase("commands");
+    parser_config* session = cli_session_create(diag_commands_tree(&own));
     if (session == nullptr) {
         fprintf(stderr, "%s: no memory for a session\n", kName);
         return 1;
     }
+    DiagCallSites named(cli_output_file_sink, stdout);
+    cli_session_output_set(session, DiagCallSites::pass, &named);
     int failures = 0;
     fflush(stdout);
     if (options.commands.empty()) {
@@ -120,6 +130,7 @@ int commands_run(const pe_options_t& options) {
             if (cli_session_execute(session, command) != CLI_OK) ++failures;
     }
     cli_session_destroy(session);
+    named.flush();
     fflush(stdout);
     return failures;
 }
@@ -142,6 +153,7 @@ std::vector<HeapAtStart> heaps_note() {
 // After the forwarding tables are given back, every heap must walk clean
 // and hold the free bytes it had before the traffic.
 bool heaps_check(const std::vector<HeapAtStart>& at_start) {
+    PePhase phase("heap check");
     bool clean = true;
     for (const HeapAtStart& start : at_start) {
         heap_walk_arg_t arg{};
@@ -167,10 +179,16 @@ int main(int argc, char** argv) {
         fprintf(stderr, "%s: %s: %s\n", kName, options.config.c_str(), strerror(errno));
         return 2;
     }
+    PeDiagnostics diagnostics(options);
+    diagnostics.ring_start();
+    PePhase startup_phase("start-up");
     if (host_setup_start(kName) != 0) return 3;
+    startup_phase.end();
     const std::vector<HeapAtStart> startup = heaps_note();
+    diagnostics.snapshot();
 
     // The forwarding tables live in the first heap, as the device's own do.
+    PePhase configuration_phase("configuration");
     pe_config_t config{};
     const int read = pe_config_read(&config, config_file, options.config.c_str(), &bcm_sdk_heap, stderr);
     fclose(config_file);
@@ -179,24 +197,37 @@ int main(int argc, char** argv) {
     std::vector<pe_port_io_t> ports;
     pe_io_t* io = ports_plan(options, config, paths, ports) ? pe_io_open(ports.data(), config.nports, stderr) : nullptr;
     if (io == nullptr) return 2;
-
     pe_forwarder_t forwarder;
     pe_forwarder_init(&forwarder, &config, pe_io_emit, io);
+    if (!diagnostics.open(config, ports, &forwarder)) {
+        pe_io_close(io);
+        return 2;
+    }
+    configuration_phase.end();
+
     struct sigaction action{};
     action.sa_handler = interrupt_note;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    PePhase forwarding_phase("forwarding");
     const int run = pe_io_run(io, &forwarder, options.duration, &interrupted, !options.quiet);
+    forwarding_phase.end();
     pe_io_close(io);
     // From here on an interrupt ends the process as usual (at the session's prompt it clears the line).
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
     if (interrupted) printf("Interrupted.\n");
     pe_counters_print(&forwarder, stdout);
+    diagnostics.counters_note(forwarder);
     if (run != 0) return run;
 
-    const int failures = commands_run(options);
+    DiagCommands own{kName, stderr, diagnostics.inputs(), options.heap_map_dir};
+    const int failures = commands_run(options, own);
+    // The maps show the heaps as the commands saw them, tables and all.
+    const bool mapped = diagnostics.maps_write();
     pe_config_release(&config);
     const bool clean = heaps_check(startup);
+    diagnostics.leaks_report(clean);
+    if (!diagnostics.finish() || !mapped || own.failures > 0) return 2;
     return failures == 0 && clean ? 0 : 1;
 }

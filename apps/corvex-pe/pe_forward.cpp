@@ -32,9 +32,18 @@ bool lldp_is(const uint8_t* frame) {
     return type == kTypeLldp || (type == kTypeVlan && be16(frame + kAddresses + ETHER_VLAN_TAG_BYTES) == kTypeLldp);
 }
 
+constexpr const char* kReasons[PE_DROP_REASONS] = {
+    "truncated capture",      "short frame",   "oversize frame", "no E-tag from upstream",
+    "E-tag on extended port", "unknown E-CID", "no packet",      "no clone"};
+
 void drop(pe_forwarder_t* forwarder, unsigned in_port, pe_drop_reason reason) {
     ++forwarder->drops[reason];
-    ++forwarder->ports[in_port].dropped;
+    pe_port_counters_t& counters = forwarder->ports[in_port];
+    ++counters.dropped;
+    if (forwarder->drop_watch != nullptr) {
+        forwarder->drop_watch(forwarder->drop_context, in_port, reason, counters.rx_frames, forwarder->frame,
+                              forwarder->captured, forwarder->length);
+    }
 }
 
 // Pads the frame to PE_FRAME_MIN inside its buffer (every packet is taken
@@ -161,8 +170,18 @@ void pe_forwarder_init(pe_forwarder_t* forwarder, const pe_config_t* config, pe_
     forwarder->context = context;
 }
 
+void pe_forwarder_drops_watch(pe_forwarder_t* forwarder, pe_drop_fn watch, void* context) {
+    forwarder->drop_watch = watch;
+    forwarder->drop_context = context;
+}
+
+const char* pe_drop_reason_name(pe_drop_reason reason) { return kReasons[reason]; }
+
 void pe_forward_frame(pe_forwarder_t* forwarder, unsigned in_port, const uint8_t* frame, unsigned captured,
                       unsigned length) {
+    forwarder->frame = frame;
+    forwarder->captured = captured;
+    forwarder->length = length;
     pe_port_counters_t& counters = forwarder->ports[in_port];
     ++counters.rx_frames;
     counters.rx_bytes += length;
@@ -189,9 +208,6 @@ void pe_forward_frame(pe_forwarder_t* forwarder, unsigned in_port, const uint8_t
 }
 
 void pe_counters_print(const pe_forwarder_t* forwarder, FILE* out) {
-    static const char* const kReasons[PE_DROP_REASONS] = {
-        "truncated capture",      "short frame",   "oversize frame", "no E-tag from upstream",
-        "E-tag on extended port", "unknown E-CID", "no packet",      "no clone"};
     const pe_config_t* config = forwarder->config;
     fprintf(out, "%-32s %8s %10s %12s %10s %12s %8s %8s %6s %8s %8s %7s\n", "Port", "E-CID", "Rx frames", "Rx bytes",
             "Tx frames", "Tx bytes", "Rx lost", "Tx lost", "LLDP", "LLDP-PE", "Dropped", "Pruned");

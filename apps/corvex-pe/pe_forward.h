@@ -48,20 +48,42 @@ struct pe_port_counters_t {
 // caller's: emit keeps no reference to it or to its bytes.
 using pe_emit_fn = bool (*)(void* context, unsigned port, const packet_t* packet);
 
+// Told of every dropped frame once, as it was received: the port it came
+// in by, why it was dropped, its number among the frames that port
+// received (from 1), the bytes captured and its length on the wire.
+using pe_drop_fn = void (*)(void* context, unsigned port, pe_drop_reason reason, uint64_t number,
+                            const uint8_t* frame, unsigned captured, unsigned length);
+
 struct pe_forwarder_t {
     const pe_config_t* config;
     pe_emit_fn emit;
     void* context;
     pe_port_counters_t ports[PE_PORTS_MAX];
     uint64_t drops[PE_DROP_REASONS];
+    pe_drop_fn drop_watch;  // may be null
+    void* drop_context;
+    // The frame being forwarded, for drop_watch.
+    const uint8_t* frame;
+    unsigned captured, length;
 };
 
 void pe_forwarder_init(pe_forwarder_t* forwarder, const pe_config_t* config, pe_emit_fn emit, void* context);
+// Tells watch (with context) of every frame dropped from now on.
+void pe_forwarder_drops_watch(pe_forwarder_t* forwarder, pe_drop_fn watch, void* context);
 
 // Forwards one frame received on port in_port: captured holds the bytes
 // the capture kept, length the frame's length on the wire.
 void pe_forward_frame(pe_forwarder_t* forwarder, unsigned in_port, const uint8_t* frame, unsigned captured,
                       unsigned length);
 
+// A drop reason as the counter table names it ("short frame").
+const char* pe_drop_reason_name(pe_drop_reason reason);
+
 // The per-port and per-reason counter table.
 void pe_counters_print(const pe_forwarder_t* forwarder, FILE* out);
+// The same table as one JSON object, for scripts (pe_counters.cpp):
+// {"ports": [{"name", "ecid" (null upstream), "rx_frames", "rx_bytes",
+// "tx_frames", "tx_bytes", "rx_lost", "tx_lost", "lldp", "lldp_pe",
+// "dropped", "pruned"}...], "dropped_by_reason": {REASON: frames...},
+// "lost": {"rx", "tx"}}, ports in the table's order.
+void pe_counters_write_json(const pe_forwarder_t* forwarder, FILE* out);

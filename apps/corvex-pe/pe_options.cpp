@@ -17,14 +17,17 @@ namespace {
 
 constexpr char kName[] = "corvex-pe";
 
-enum : int { kConfig = 256, kIn, kOut, kPort, kDuration, kVersion };
+enum : int { kConfig = 256, kIn, kOut, kPort, kDuration, kVersion, kHeapMap, kTrace, kDrops, kCounters, kLeaks };
 
 const option kLongs[] = {
     {"config", required_argument, nullptr, kConfig}, {"in", required_argument, nullptr, kIn},
     {"out", required_argument, nullptr, kOut},       {"port", required_argument, nullptr, kPort},
     {"duration", required_argument, nullptr, kDuration}, {"command", required_argument, nullptr, 'c'},
     {"quiet", no_argument, nullptr, 'q'},            {"help", no_argument, nullptr, 'h'},
-    {"version", no_argument, nullptr, kVersion},     {nullptr, 0, nullptr, 0},
+    {"version", no_argument, nullptr, kVersion},     {"heap-map", required_argument, nullptr, kHeapMap},
+    {"trace", required_argument, nullptr, kTrace},   {"drops", required_argument, nullptr, kDrops},
+    {"counters", required_argument, nullptr, kCounters}, {"leaks", no_argument, nullptr, kLeaks},
+    {nullptr, 0, nullptr, 0},
 };
 
 // The data folder, its "../" steps taken from the program's own path.
@@ -70,10 +73,20 @@ int usage(const pe_options_t& defaults) {
            "                          default: an interactive session when standard input is a\n"
            "                          terminal, else none)\n"
            "  -q, --quiet             no progress line on standard error\n"
+           "      --heap-map DIR      at exit, an SVG map of every heap: DIR/heap-ID-NAME.svg\n"
+           "      --trace FILE        the run's phases as a trace (Chrome trace-event JSON, for\n"
+           "                          the Perfetto UI or chrome://tracing)\n"
+           "      --drops FILE        every dropped frame, with its reason and its number in its\n"
+           "                          input as the packet comment (pcapng)\n"
+           "      --counters FILE     the counter table as JSON\n"
+           "      --leaks             the blocks allocated since start-up and not given back, by\n"
+           "                          call site (shown anyway when a heap did not come back)\n"
            "  -h, --help              print this help and exit\n"
            "      --version           print the version and exit\n\n"
+           "Outputs are written whole or not at all, never over an input.\n\n"
            "Exit status: 0 done; 1 a command failed or a heap did not come back to its\n"
-           "start-up state; 2 a usage, configuration or input error; 3 the host could not start.\n",
+           "start-up state; 2 a usage, configuration, input or output error; 3 the host could\n"
+           "not start.\n",
            kName, defaults.config.c_str(), defaults.in_dir.c_str(),
            defaults.out_dir.empty() ? "none without HOME or XDG_STATE_HOME" : defaults.out_dir.c_str());
     return 0;
@@ -107,6 +120,11 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
         case kOut: options->out_dir = optarg, out_given = true; break;
         case 'c': options->commands.push_back(optarg); break;
         case 'q': options->quiet = true; break;
+        case kHeapMap: options->heap_map_dir = optarg; break;
+        case kTrace: options->trace = optarg; break;
+        case kDrops: options->drops = optarg; break;
+        case kCounters: options->counters = optarg; break;
+        case kLeaks: options->leaks = true; break;
         case 'h': return usage(defaults);
         case kVersion: host_options_version(kName); return 0;
         case kIn:

@@ -15,6 +15,12 @@ struct pe_options_t {
     unsigned duration = 0;      // live mode: seconds; 0: until SIGINT or SIGTERM
     std::vector<const char*> commands;
     bool quiet = false;
+    // Diagnostics (pe_diagnostics.h); empty: not written.
+    std::string heap_map_dir;  // DIR/heap-ID-NAME.svg for every heap, at exit
+    std::string trace;         // the run's phases as trace-event JSON
+    std::string drops;         // every dropped frame, pcapng
+    std::string counters;      // the counter table as JSON
+    bool leaks = false;        // what grew since start-up, even when the heaps came back
 };
 
 // Reads argv into options. Returns -1 to go on, else the exit status to

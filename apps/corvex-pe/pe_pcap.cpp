@@ -9,6 +9,9 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
+
+#include "pe_phases.h"
 
 struct pe_io_t {
     struct Port {
@@ -123,9 +126,14 @@ struct Progress {
     }
 };
 
+// Frames from files go in batches of this many, each marked in the event
+// ring (pe_phases.h), where the progress line is looked at.
+constexpr unsigned long kFileBatch = 4096;
+
 int files_run(pe_io_t* io, pe_forwarder_t* forwarder, volatile sig_atomic_t* stop, Progress& progress) {
     for (unsigned i = 0; i < io->nports; ++i)
         if (io->ports[i].in != nullptr && file_next(io->ports[i], io->err) < 0) return 2;
+    auto batch = std::make_unique<PePhase>("forwarding batch");
     for (unsigned long frames = 0; !*stop; ++frames) {
         // The earliest frame of all ports goes first, as it would on the wire.
         pe_io_t::Port* next = nullptr;
@@ -141,7 +149,11 @@ int files_run(pe_io_t* io, pe_forwarder_t* forwarder, volatile sig_atomic_t* sto
         io->now = next->header->ts;
         pe_forward_frame(forwarder, in_port, next->data, next->header->caplen, next->header->len);
         if (file_next(*next, io->err) < 0) return 2;
-        if ((frames & 4095) == 0) progress.tick(forwarder, io->nports);
+        if ((frames + 1) % kFileBatch == 0) {
+            batch.reset();
+            progress.tick(forwarder, io->nports);
+            batch = std::make_unique<PePhase>("forwarding batch");
+        }
     }
     return 0;
 }
@@ -170,6 +182,7 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
     const double end = monotonic_seconds() + seconds;
     while (!*stop && (seconds == 0 || monotonic_seconds() < end)) {
         if (poll(fds, nfds, 100) < 0) continue;  // a signal: look at *stop
+        PePhase batch("forwarding batch");
         for (nfds_t f = 0; f < nfds; ++f) {
             if ((fds[f].revents & POLLIN) == 0) continue;
             LiveFrame frame{forwarder, polled[f]};

@@ -287,7 +287,7 @@ def options_test(program, work):
             (["--port", "up=x", "--out", "o"], "--out: applies to capture files only, not with --port"),
             (["--in", "d", "--port", "up=x"], "--in: not with --port: capture files or live interfaces"),
             (["--port", "up"], "--port up: not PORT=IFACE"), (["--in", "=f"], "--in =f: not DIR or PORT=FILE"),
-            (["--frob"], "--frob: unknown option"), (["--co", "x"], "--co: ambiguous: --config, --command"),
+            (["--frob"], "--frob: unknown option"), (["--co", "x"], "--co: ambiguous: --config, --command, --counters"),
             (["--quiet=1"], "--quiet=1: takes no value"), (["-qx"], "-x: unknown option"),
             (["--config"], "--config: needs a value"), (["-q", "-c"], "-c: needs a value"),
             (["--out="], "--out: needs a value, not an empty one"),
