@@ -15,7 +15,8 @@ constexpr int kRingRecords = 16384;
 
 }  // namespace
 
-PeDiagnostics::PeDiagnostics(const pe_options_t& options) : options_(options), drops_(kName, stderr) {}
+PeDiagnostics::PeDiagnostics(const pe_options_t& options)
+    : options_(options), drops_(kName, stderr), trace_(kName, stderr), counters_(kName, stderr) {}
 
 void PeDiagnostics::ring_start() const {
     if (!options_.trace.empty()) event_timestamp_record_init(kRingRecords);
@@ -25,6 +26,8 @@ bool PeDiagnostics::open(const pe_config_t& config, const std::vector<pe_port_io
     inputs_.add(options_.config.c_str());
     for (const pe_port_io_t& port : ports)
         if (port.input != nullptr) inputs_.add(port.input);
+    if (!options_.trace.empty() && !trace_.open(options_.trace, inputs_)) return false;
+    if (!options_.counters.empty() && !counters_.open(options_.counters, inputs_)) return false;
     if (options_.drops.empty()) return true;
     std::vector<std::pair<std::string, std::string>> interfaces;
     for (unsigned i = 0; i < config.nports; ++i) {
@@ -63,23 +66,19 @@ void PeDiagnostics::counters_note(const pe_forwarder_t& forwarder) {
     if (out == nullptr) return;
     pe_counters_write_json(&forwarder, out);
     fclose(out);
-    counters_.assign(text, size);
+    counters_text_.assign(text, size);
     free(text);
 }
 
 bool PeDiagnostics::finish() {
     bool written = options_.drops.empty() || drops_.commit();
-    auto write = [&](const std::string& path, auto body) {
-        if (path.empty()) return;
-        DiagOutput output(kName, stderr);
-        if (!output.open(path, inputs_)) {
-            written = false;
-            return;
-        }
-        body(output.file());
-        written = output.commit() && written;
-    };
-    write(options_.counters, [&](FILE* out) { fputs(counters_.c_str(), out); });
-    write(options_.trace, [&](FILE* out) { diag_trace_write(diag_trace_events(diag_trace_marks_read()), kName, out); });
+    if (counters_.file() != nullptr) {
+        fputs(counters_text_.c_str(), counters_.file());
+        written = counters_.commit() && written;
+    }
+    if (trace_.file() != nullptr) {
+        diag_trace_write(diag_trace_events(diag_trace_marks_read()), kName, trace_.file());
+        written = trace_.commit() && written;
+    }
     return written;
 }

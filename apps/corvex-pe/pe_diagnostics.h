@@ -30,9 +30,10 @@ public:
     void ring_start() const;
     // Notes every heap's blocks, to tell later what grew.
     void snapshot() { leaks_.snapshot(); }
-    // Notes the run's inputs (the configuration and each port's capture)
-    // and starts the drops capture, told of forwarder's drops. False after
-    // a line on stderr.
+    // Notes the run's inputs (the configuration and each port's capture),
+    // creates the trace and counters files (written at the end) and starts
+    // the drops capture, told of forwarder's drops. False after a line on
+    // stderr.
     bool open(const pe_config_t& config, const std::vector<pe_port_io_t>& ports, pe_forwarder_t* forwarder);
     // The run's inputs, which no output may overwrite.
     const DiagInputs* inputs() const { return &inputs_; }
@@ -55,5 +56,6 @@ private:
     DiagInputs inputs_;
     DiagLeaks leaks_;
     PeDrops drops_;
-    std::string counters_;  // the JSON text
+    DiagOutput trace_, counters_;
+    std::string counters_text_;
 };

@@ -87,8 +87,8 @@ def main(program):
                         result.stdout), "the accounting report's call sites:\n" + result.stdout)
         check("Blocks allocated since start-up and not given back, by call site:\n  none\n" in result.stdout, "leaks")
 
-        # An output over an input is refused before the traffic; one whose folder is missing is told
-        # at the end, and no file is left half written.
+        # An output over an input, or in a folder that is missing, is refused before the traffic, and
+        # no file is left behind.
         config = os.path.join(work, "pe.conf")
         shutil.copy(os.path.join(os.path.dirname(program), "..", "share", "corvex-pe", "corvex-pe.conf"), config)
         for argv, message in [(["--config", config, "--trace", config], config + ": would overwrite the input " + config),
