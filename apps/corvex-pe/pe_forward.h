@@ -34,10 +34,12 @@ struct pe_port_counters_t {
     uint64_t lldp, lldp_pe;  // LLDP frames received, those with the PE TLV
     uint64_t dropped;        // received frames dropped
     uint64_t pruned;         // multicast copies not sent back to this port
+    uint64_t rx_lost, tx_lost;
 };
 
 // Sends the frame of packet out of port; the packet stays the caller's.
-using pe_emit_fn = void (*)(void* context, unsigned port, const packet_t* packet);
+// True when the port took the frame.
+using pe_emit_fn = bool (*)(void* context, unsigned port, const packet_t* packet);
 
 struct pe_forwarder_t {
     const pe_config_t* config;

@@ -67,7 +67,10 @@ std::vector<Frame> capture_make() {
 }
 
 uint64_t emitted_bytes;
-void emit_count(void*, unsigned, const packet_t* packet) { emitted_bytes += packet->length; }
+bool emit_count(void*, unsigned, const packet_t* packet) {
+    emitted_bytes += packet->length;
+    return true;
+}
 
 double thread_seconds() {
     timespec ts;
