@@ -3,8 +3,6 @@
 
 #include <poll.h>
 
-#include <cerrno>
-#include <climits>
 #include <ctime>
 
 #include "pe_capture.h"
@@ -87,6 +85,20 @@ void live_deliver(void* context, const uint8_t* frame, unsigned captured, unsign
     pe_forward_frame(delivery->forwarder, delivery->port, frame, captured, length);
 }
 
+// One batch: a ready block from every port that has one, then every
+// port's sends. Returns the frames received.
+unsigned live_batch(pe_io_t* io, pe_forwarder_t* forwarder) {
+    unsigned frames = 0;
+    for (unsigned i = 0; i < io->nports; ++i) {
+        if (io->ports[i].live == nullptr) continue;
+        Delivery delivery{forwarder, i};
+        frames += pe_live_receive(io->ports[i].live, live_deliver, &delivery);
+    }
+    for (unsigned i = 0; i < io->nports; ++i)
+        if (io->ports[i].live != nullptr) pe_live_flush(io->ports[i].live);
+    return frames;
+}
+
 // Settles the counters at the end of a batch: refused sends leave Tx for
 // Tx lost; with lost set, the interfaces' losses are added to Rx lost.
 void live_settle(pe_io_t* io, pe_forwarder_t* forwarder, bool lost) {
@@ -140,14 +152,8 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
         if (ppoll(fds, nfds, busy ? &no_wait : idle_limit(progress, end, &limit), &open_mask) < 0) continue;
         for (nfds_t f = 0; f < nfds; ++f)
             if ((fds[f].revents & POLLERR) != 0) pe_live_error_report(io->ports[polled[f]].live, io->err);
-        unsigned frames = 0;
-        for (nfds_t f = 0; f < nfds; ++f) {
-            Delivery delivery{forwarder, polled[f]};
-            frames += pe_live_receive(io->ports[polled[f]].live, live_deliver, &delivery);
-        }
-        for (nfds_t f = 0; f < nfds; ++f) pe_live_flush(io->ports[polled[f]].live);
+        busy = live_batch(io, forwarder) > 0;
         // A batch boundary: nothing in flight.
-        busy = frames > 0;
         const bool tick = progress.due();
         live_settle(io, forwarder, tick);
         if (tick) progress.print(forwarder, io->nports);
@@ -155,13 +161,9 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
     // The frames the rings hold when the run ends are forwarded too, once
     // the interfaces give no more and the blocks being filled are handed over.
     for (nfds_t f = 0; f < nfds; ++f) pe_live_input_stop(io->ports[polled[f]].live);
-    const timespec handover{0, 4 * kLiveRetireMs * 1000000L};
+    const timespec handover{0, 10 * kLiveRetireMs * 1000000L};
     nanosleep(&handover, nullptr);
-    for (nfds_t f = 0; f < nfds; ++f) {
-        Delivery delivery{forwarder, polled[f]};
-        while (pe_live_receive(io->ports[polled[f]].live, live_deliver, &delivery) > 0) {}
-        pe_live_flush(io->ports[polled[f]].live);
-    }
+    while (live_batch(io, forwarder) > 0) {}
     live_settle(io, forwarder, true);
     sigprocmask(SIG_SETMASK, &open_mask, nullptr);
     return 0;
