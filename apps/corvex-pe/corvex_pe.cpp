@@ -25,12 +25,12 @@
 #include "cli_session.h"
 #include "heap.h"
 #include "host_cli.h"
+#include "host_options.h"
 #include "host_setup.h"
 #include "pe_config.h"
 #include "pe_forward.h"
-#include "pe_options.h"
 #include "pe_io.h"
-#include "host_options.h"
+#include "pe_options.h"
 
 namespace {
 
@@ -39,13 +39,6 @@ constexpr char kName[] = "corvex-pe";
 volatile sig_atomic_t interrupted = 0;
 
 void interrupt_note(int) { interrupted = 1; }
-
-// Makes path and the folders above it that are missing.
-bool folder_make(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
-        if (mkdir(path.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) return false;
-    return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
-}
 
 // folder/NAME.pcap, for a port name that stays a file name inside folder.
 bool capture_path(const std::string& folder, const char* name, std::string& path) {
@@ -76,35 +69,31 @@ bool inputs_plan(const pe_options_t& options, const pe_config_t& config, std::ve
         host_options_fail(kName, "--in", options.in_dir.c_str(), "not a directory (one port's capture: --in PORT=FILE)");
         return false;
     }
-    unsigned found = 0;
+    std::vector<std::string> missing;
     for (unsigned i = 0; i < config.nports; ++i) {
         std::string path;
         if (ports[i].input != nullptr) continue;
         if (!capture_path(options.in_dir, config.ports[i].name, path)) return false;
         if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
-            fprintf(stderr, "%s: warning: %s: no such file: port %s receives nothing\n", kName, path.c_str(),
-                    config.ports[i].name);
+            missing.push_back(path + ": no such file: port " + config.ports[i].name);
             continue;
         }
         paths.push_back(path);
         ports[i].input = paths.back().c_str();
-        ++found;
     }
-    if (found == 0 && options.in_files.empty()) {
+    if (missing.size() == config.nports) {
         fprintf(stderr, "%s: %s: no PORT.pcap for any port of %s\n", kName, options.in_dir.c_str(),
                 options.config.c_str());
         return false;
     }
+    for (const std::string& port : missing) fprintf(stderr, "%s: warning: %s receives nothing\n", kName, port.c_str());
     return true;
 }
 
 // DIR/PORT.pcap of --out for every port: never an input, nor a folder.
+// The folder is made with the first output, once the inputs are open.
 bool outputs_plan(const pe_options_t& options, const pe_config_t& config, const std::vector<FileId>& inputs,
                   std::vector<std::string>& paths, std::vector<pe_port_io_t>& ports) {
-    if (!folder_make(options.out_dir)) {
-        fprintf(stderr, "%s: %s: %s\n", kName, options.out_dir.c_str(), strerror(errno));
-        return false;
-    }
     for (unsigned i = 0; i < config.nports; ++i) {
         std::string path;
         if (!capture_path(options.out_dir, config.ports[i].name, path)) return false;

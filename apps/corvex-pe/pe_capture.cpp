@@ -48,6 +48,13 @@ bool refuse(FILE* err, const std::string& path, const char* what) {
     return false;
 }
 
+// Makes path and the folders above it that are missing.
+bool folder_make(const std::string& path) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
+        if (mkdir(path.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) return false;
+    return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
+}
+
 bool write_failed(FILE* err, const pe_capture_writer_t* writer) {
     return refuse(err, writer->path, strerror(errno != 0 ? errno : EIO));
 }
@@ -120,6 +127,8 @@ bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err)
     writer->path = path;
     const size_t slash = writer->path.rfind('/');
     const size_t name = slash == std::string::npos ? 0 : slash + 1;
+    if (name > 1 && !folder_make(writer->path.substr(0, name - 1)))
+        return refuse(err, writer->path.substr(0, name - 1), strerror(errno));
     writer->temporary = writer->path.substr(0, name) + "." + writer->path.substr(name) + ".XXXXXX";
     const int fd = mkstemp(writer->temporary.data());
     if (fd < 0) {

@@ -46,8 +46,8 @@ struct pe_capture_writer_t {
     std::string temporary;  // where it is written until then
 };
 
-// Creates the capture under a temporary name beside path and writes its
-// file header. Every write error (here, in pe_capture_write and at the
+// Creates the capture under a temporary name beside path (making the
+// folders it lacks) and writes its file header. Every write error (here, in pe_capture_write and at the
 // close) is one line on err naming path and the system's reason.
 bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err);
 bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length,

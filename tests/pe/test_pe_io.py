@@ -92,7 +92,7 @@ def formats_test(program, work):
 
 
 def damaged_test(program, work):
-    """Each damaged input: status 2, one line naming the file (and record), no table, no output at all."""
+    """Each damaged input: status 2, one line naming the file (and record), no table, no output."""
     inputs, _ = traffic()
     good = inputs["up"][0]
     bad = os.path.join(work, "bad.pcap")
@@ -119,11 +119,13 @@ def damaged_test(program, work):
         elif data is not None:
             write(bad, data)
         out = os.path.join(work, "damaged-out")
+        shutil.rmtree(out, ignore_errors=True)
         result = pe(program, work, "--in", "up=" + bad, "--in", "a=" + os.path.join(work, "inle0", "a.pcap"),
                     "--out", out)
+        # A damaged record shows once the outputs are open: they are removed, their folder stays.
         check((result.returncode, result.stdout, result.stderr) == (2, "", "corvex-pe: %s: %s\n" % (bad, message))
-              and listing(out) == [], "%s: status %d, stderr %r, outputs %s" % (message, result.returncode,
-                                                                                   result.stderr, listing(out)))
+              and (listing(out) == [] if "record" in message else not os.path.exists(out)), "%s: status %d, stderr %r, outputs %s" % (message, result.returncode,
+                                                                                       result.stderr, listing(out)))
 
 
 def limited(limit):
@@ -339,7 +341,9 @@ def live_inside(program):
     run(["sysctl", "-qw", "net.ipv6.conf.all.disable_ipv6=1", "net.ipv6.conf.default.disable_ipv6=1"])
     for port in ("up", "a"):
         for argv in (["ip", "link", "add", port + "0", "type", "veth", "peer", "name", port + "1"],
-                     ["ip", "link", "set", port + "0", "up"], ["ip", "link", "set", port + "1", "up"]):
+                     ["ip", "link", "set", port + "0", "up"], ["ip", "link", "set", port + "1", "up"],
+                     # a0 takes no 1000-byte frame: the overload's frames are refused sends.
+                     ["ip", "link", "set", port + "0", "mtu", "500" if port == "a" else "1500"]):
             if run(argv).returncode != 0:
                 print("SKIPPED: this machine allows no veth pair: " + " ".join(argv))
                 sys.exit(77)
@@ -385,7 +389,8 @@ def forwarding(live):
 
 def overload(live):
     """With the program stopped, more frames than its ring holds: after it resumes, every frame offered
-    is received or counted lost, and every frame received is sent, dropped or counted lost."""
+    is received or counted lost, and every frame received is sent, dropped or counted lost: a0 refuses
+    them all (its MTU), the three frames before went out."""
     live.pe.send_signal(signal.SIGSTOP)
     frame = f.frame(HOST, BRIDGE, f.etag(0x001), f.payload(4, 1000))
     for _ in range(8000):
@@ -395,7 +400,7 @@ def overload(live):
     live.counts = live.progress_until(lambda c: c["rx"] + c["rx_lost"] == offered)
     c = live.counts
     check(c["rx_lost"] > 0, "nothing lost: the ring took %d frames" % c["rx"])
-    check(c["rx"] == c["tx"] + c["tx_lost"] + c["dropped"], "received %s" % c)
+    check(c["rx"] == c["tx"] + c["tx_lost"] + c["dropped"] and c["tx"] == 3, "received %s" % c)
 
 
 if __name__ == "__main__":
