@@ -2,7 +2,7 @@
 # Builds everything and runs every test, on a fresh Debian machine too:
 #   native x86-64, 32-bit (-m32), both again under AddressSanitizer +
 #   UndefinedBehaviorSanitizer, the concurrent tests under ThreadSanitizer,
-#   and the fuzz targets for a short bounded time; every configuration
+#   and the fuzz targets for a short bounded time, native and -m32; every configuration
 #   asserts the heaps' and sheaves' internal invariants (CORVEX_INVARIANTS)
 #   and treats compiler warnings as errors (CORVEX_WERROR).
 #   First of all, the tests must stay a modest share of the code
@@ -104,6 +104,10 @@ run i386-asan     ""                 -- "${m32[@]}" "${asan[@]}"
 run x86_64-tsan   "-L concurrency"   -- -DCORVEX_SANITIZE=thread
 if [ -d "$root/tests/fuzz" ]; then
   run fuzz        "-L fuzz"          -- -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+                                        -DCORVEX_FUZZ=ON -DCORVEX_TESTS=OFF
+  # The target's own word size: clang -m32 with libFuzzer's i386 runtime.
+  ASAN_OPTIONS=$i386_asan_options \
+  run fuzz-i386   "-L fuzz"          -- "${m32[@]}" -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
                                         -DCORVEX_FUZZ=ON -DCORVEX_TESTS=OFF
 fi
 echo "== all configurations passed"

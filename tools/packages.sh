@@ -5,9 +5,9 @@
 #     build  a build with CORVEX_TESTS=OFF (the library and the programs)
 #     tests  a native build with its tests (the "Building by hand" commands)
 #     all    everything the test command builds: -m32, clang and its
-#            fuzzer runtime, the benchmarks and their peers
+#            fuzzer runtime (x86-64 and i386), the benchmarks and their peers
 #     docs   what renders the README's pictures (rsvg-convert)
-corvex_packages_build=(cmake ninja-build make g++ python3 libreadline-dev libpcap-dev libdw-dev)
+corvex_packages_build=(cmake ninja-build make g++ python3 libreadline-dev libdw-dev)
 corvex_packages_tests=("${corvex_packages_build[@]}" libgtest-dev libgmock-dev googletest tshark
   pkg-config dpkg-dev file binutils)
 corvex_packages_all=("${corvex_packages_tests[@]}" gcc-multilib g++-multilib clang libclang-rt-14-dev

@@ -10,8 +10,8 @@
 //             (pe_options.cpp; --help says more; the diagnostics: pe_diagnostics.h)
 //
 // Exit status: 0 done; 1 a command failed or the heaps did not come back
-// to their start-up state; 2 usage, configuration, input or output error;
-// 3 the host could not start.
+// to their start-up state; 2 usage, configuration, input or output error
+// (outputs are then absent); 3 the host could not start.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,12 +28,13 @@
 #include "diag_commands.h"
 #include "heap.h"
 #include "host_cli.h"
+#include "host_options.h"
 #include "host_setup.h"
 #include "pe_config.h"
 #include "pe_diagnostics.h"
 #include "pe_forward.h"
+#include "pe_io.h"
 #include "pe_options.h"
-#include "pe_pcap.h"
 #include "pe_phases.h"
 
 namespace {
@@ -44,21 +45,87 @@ volatile sig_atomic_t interrupted = 0;
 
 void interrupt_note(int) { interrupted = 1; }
 
-bool file_exists(const std::string& path) {
+// folder/NAME.pcap, for a port name that stays a file name inside folder.
+bool capture_path(const std::string& folder, const char* name, std::string& path) {
+    if (name[0] == '\0' || name[0] == '.' || strchr(name, '/') != nullptr) {
+        fprintf(stderr, "%s: port %s: its name cannot name a file in %s\n", kName, name, folder.c_str());
+        return false;
+    }
+    path = folder + "/" + name + ".pcap";
+    return true;
+}
+
+struct FileId {
+    dev_t device;
+    ino_t inode;
+    const char* path;
+};
+
+// The captures of --in DIR for every port that --in PORT=FILE leaves
+// without one; a port without either is told on stderr.
+bool inputs_plan(const pe_options_t& options, const pe_config_t& config, std::vector<std::string>& paths,
+                 std::vector<pe_port_io_t>& ports) {
     struct stat info;
-    return stat(path.c_str(), &info) == 0;
+    if (stat(options.in_dir.c_str(), &info) != 0) {
+        fprintf(stderr, "%s: %s: %s\n", kName, options.in_dir.c_str(), strerror(errno));
+        return false;
+    }
+    if (!S_ISDIR(info.st_mode)) {
+        host_options_fail(kName, "--in", options.in_dir.c_str(), "not a directory (one port's capture: --in PORT=FILE)");
+        return false;
+    }
+    std::vector<std::string> missing;
+    for (unsigned i = 0; i < config.nports; ++i) {
+        std::string path;
+        if (ports[i].input != nullptr) continue;
+        if (!capture_path(options.in_dir, config.ports[i].name, path)) return false;
+        if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
+            missing.push_back(path + ": no such file: port " + config.ports[i].name);
+            continue;
+        }
+        paths.push_back(path);
+        ports[i].input = paths.back().c_str();
+    }
+    if (missing.size() == config.nports) {
+        fprintf(stderr, "%s: %s: no PORT.pcap for any port of %s\n", kName, options.in_dir.c_str(),
+                options.config.c_str());
+        return false;
+    }
+    for (const std::string& port : missing) fprintf(stderr, "%s: warning: %s receives nothing\n", kName, port.c_str());
+    return true;
 }
 
-// Makes path and the folders above it that are missing.
-bool folder_make(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
-        if (mkdir(path.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) return false;
-    return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
+// DIR/PORT.pcap of --out for every port: never an input, nor a folder.
+// The folder is made with the first output, once the inputs are open.
+bool outputs_plan(const pe_options_t& options, const pe_config_t& config, const std::vector<FileId>& inputs,
+                  std::vector<std::string>& paths, std::vector<pe_port_io_t>& ports) {
+    for (unsigned i = 0; i < config.nports; ++i) {
+        std::string path;
+        if (!capture_path(options.out_dir, config.ports[i].name, path)) return false;
+        struct stat info;
+        if (stat(path.c_str(), &info) == 0) {
+            if (S_ISDIR(info.st_mode)) {
+                fprintf(stderr, "%s: %s: is a directory\n", kName, path.c_str());
+                return false;
+            }
+            for (const FileId& input : inputs) {
+                if (input.device != info.st_dev || input.inode != info.st_ino) continue;
+                fprintf(stderr, "%s: %s: would overwrite the input %s\n", kName, path.c_str(), input.path);
+                return false;
+            }
+        }
+        paths.push_back(path);
+        ports[i].output = paths.back().c_str();
+    }
+    if (options.out_default && !options.quiet)
+        fprintf(stderr, "%s: the ports' captures go to %s\n", kName, options.out_dir.c_str());
+    return true;
 }
 
-// Fills paths (owning the strings) and ports; returns false after a line on stderr.
-bool ports_plan(const pe_options_t& options, const pe_config_t& config, std::vector<std::string>& paths,
-                std::vector<pe_port_io_t>& ports) {
+// Fills paths (owning the strings) and ports; returns false after a line
+// on stderr. config_id is the configuration file, an input too.
+bool ports_plan(const pe_options_t& options, const pe_config_t& config, const FileId& config_id,
+                std::vector<std::string>& paths, std::vector<pe_port_io_t>& ports) {
     paths.reserve(2 * config.nports);
     ports.assign(config.nports, pe_port_io_t{});
     auto named = [&](const std::string& name) {
@@ -72,41 +139,18 @@ bool ports_plan(const pe_options_t& options, const pe_config_t& config, std::vec
         ports[port].interface = interface.c_str();
     }
     if (!options.interfaces.empty()) return true;
-    if (!options.in_dir.empty()) {
-        if (!file_exists(options.in_dir)) {
-            fprintf(stderr, "%s: %s: %s\n", kName, options.in_dir.c_str(), strerror(errno));
-            return false;
-        }
-        unsigned found = 0;
-        for (unsigned i = 0; i < config.nports; ++i) {
-            std::string path = options.in_dir + "/" + config.ports[i].name + ".pcap";
-            if (!file_exists(path)) continue;
-            paths.push_back(path);
-            ports[i].input = paths.back().c_str();
-            ++found;
-        }
-        if (found == 0) {
-            fprintf(stderr, "%s: %s: no PORT.pcap for any port of %s\n", kName, options.in_dir.c_str(),
-                    options.config.c_str());
-            return false;
-        }
-    }
     for (const auto& [name, file] : options.in_files) {
         const int port = named(name);
         if (port < 0) return false;
         ports[port].input = file.c_str();
     }
-    if (!folder_make(options.out_dir)) {
-        fprintf(stderr, "%s: %s: %s\n", kName, options.out_dir.c_str(), strerror(errno));
-        return false;
+    if (!options.in_dir.empty() && !inputs_plan(options, config, paths, ports)) return false;
+    std::vector<FileId> inputs{config_id};
+    for (const pe_port_io_t& port : ports) {
+        struct stat info;
+        if (port.input != nullptr && stat(port.input, &info) == 0) inputs.push_back({info.st_dev, info.st_ino, port.input});
     }
-    if (options.out_default && !options.quiet)
-        fprintf(stderr, "%s: the ports' captures go to %s\n", kName, options.out_dir.c_str());
-    for (unsigned i = 0; i < config.nports; ++i) {
-        paths.push_back(options.out_dir + "/" + config.ports[i].name + ".pcap");
-        ports[i].output = paths.back().c_str();
-    }
-    return true;
+    return outputs_plan(options, config, inputs, paths, ports);
 }
 
 // The commands, the library's and heap-map, their accounting reports
@@ -169,14 +213,30 @@ bool heaps_check(const std::vector<HeapAtStart>& at_start) {
     return clean;
 }
 
+// Standard output holds the table and the commands' output: losing any
+// of it is an error like any other write error.
+int stdout_check() {
+    errno = 0;
+    if (fflush(stdout) == 0 && !ferror(stdout)) return 0;
+    fprintf(stderr, "%s: standard output: %s\n", kName, strerror(errno != 0 ? errno : EIO));
+    return 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     pe_options_t options;
     if (int status = pe_options_parse(argc, argv, &options); status >= 0) return status;
+    // A capture past the file size limit is a write error, told as one.
+    signal(SIGXFSZ, SIG_IGN);
     FILE* config_file = fopen(options.config.c_str(), "r");
-    if (config_file == nullptr) {
+    struct stat config_info;
+    if (config_file == nullptr || fstat(fileno(config_file), &config_info) != 0) {
         fprintf(stderr, "%s: %s: %s\n", kName, options.config.c_str(), strerror(errno));
+        return 2;
+    }
+    if (S_ISDIR(config_info.st_mode)) {
+        fprintf(stderr, "%s: %s: is a directory\n", kName, options.config.c_str());
         return 2;
     }
     PeDiagnostics diagnostics(options);
@@ -195,31 +255,36 @@ int main(int argc, char** argv) {
     if (read != 0) return 2;
     std::vector<std::string> paths;
     std::vector<pe_port_io_t> ports;
-    pe_io_t* io = ports_plan(options, config, paths, ports) ? pe_io_open(ports.data(), config.nports, stderr) : nullptr;
+    const FileId config_id{config_info.st_dev, config_info.st_ino, options.config.c_str()};
+    pe_io_t* io = ports_plan(options, config, config_id, paths, ports)
+                      ? pe_io_open(ports.data(), config.nports, stderr)
+                      : nullptr;
     if (io == nullptr) return 2;
     pe_forwarder_t forwarder;
     pe_forwarder_init(&forwarder, &config, pe_io_emit, io);
     if (!diagnostics.open(config, ports, &forwarder)) {
-        pe_io_close(io);
+        pe_io_close(io, false);
         return 2;
     }
     configuration_phase.end();
 
     struct sigaction action{};
     action.sa_handler = interrupt_note;
+    action.sa_flags = SA_RESTART;  // a read of a slow input goes on; the loops look at the flag
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     PePhase forwarding_phase("forwarding");
     const int run = pe_io_run(io, &forwarder, options.duration, &interrupted, !options.quiet);
     forwarding_phase.end();
-    pe_io_close(io);
-    // From here on an interrupt ends the process as usual (at the session's prompt it clears the line).
+    // Outputs go into place when the run ended well, interrupted or not.
+    const int closed = pe_io_close(io, run == 0);
+    // From here on an interrupt ends the process as usual, at the session's prompt it clears the line.
     signal(SIGINT, SIG_DFL);
     signal(SIGTERM, SIG_DFL);
+    if (run != 0 || closed != 0) return 2;
     if (interrupted) printf("Interrupted.\n");
     pe_counters_print(&forwarder, stdout);
     diagnostics.counters_note(forwarder);
-    if (run != 0) return run;
 
     DiagCommands own{kName, stderr, diagnostics.inputs(), options.heap_map_dir};
     const int failures = commands_run(options, own);
@@ -229,5 +294,6 @@ int main(int argc, char** argv) {
     const bool clean = heaps_check(startup);
     diagnostics.leaks_report(clean);
     if (!diagnostics.finish() || !mapped || own.failures > 0) return 2;
+    if (stdout_check() != 0) return 2;
     return failures == 0 && clean ? 0 : 1;
 }

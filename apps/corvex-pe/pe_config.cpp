@@ -9,7 +9,6 @@
 // with the line that came first.
 #include "pe_config.h"
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -344,11 +343,6 @@ int draft_read(Reader& reader, Draft& draft, FILE* in) {
 }  // namespace
 
 int pe_config_read(pe_config_t* config, FILE* in, const char* path, heap_t* heap, FILE* err) {
-    struct stat info;
-    if (fstat(fileno(in), &info) == 0 && S_ISDIR(info.st_mode)) {
-        fprintf(err, "corvex-pe: %s: is a directory, not a configuration file\n", path);
-        return -1;
-    }
     auto* draft = new Draft;  // too large for the stack
     Reader reader{path, 0, err};
     int status = draft_read(reader, *draft, in);

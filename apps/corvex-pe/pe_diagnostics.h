@@ -17,8 +17,8 @@
 #include "diag_output.h"
 #include "pe_drops.h"
 #include "pe_forward.h"
+#include "pe_io.h"
 #include "pe_options.h"
-#include "pe_pcap.h"
 
 class PeDiagnostics {
 public:

@@ -85,17 +85,34 @@ int usage(const pe_options_t& defaults) {
            "      --version           print the version and exit\n\n"
            "Outputs are written whole or not at all, never over an input.\n\n"
            "Exit status: 0 done; 1 a command failed or a heap did not come back to its\n"
-           "start-up state; 2 a usage, configuration, input or output error; 3 the host could\n"
-           "not start.\n",
+           "start-up state; 2 a usage, configuration, input or output error (the outputs are\n"
+           "then absent); 3 the host could not start.\n",
            kName, defaults.config.c_str(), defaults.in_dir.c_str(),
            defaults.out_dir.empty() ? "none without HOME or XDG_STATE_HOME" : defaults.out_dir.c_str());
     return 0;
 }
 
-bool pair_split(const char* text, std::vector<std::pair<std::string, std::string>>& pairs) {
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+
+bool pair_split(const char* text, Pairs& pairs) {
     const char* equals = strchr(text, '=');
     if (equals == nullptr || equals == text || equals[1] == '\0') return false;
     pairs.emplace_back(std::string(text, equals), std::string(equals + 1));
+    return true;
+}
+
+// The last pair of option's pairs again, by port (first) or by what the
+// port is given (second): refused, naming both.
+bool pair_unique(const char* option, const Pairs& pairs, const char* what, bool by_port) {
+    const auto& [port, value] = pairs.back();
+    for (size_t i = 0; i + 1 < pairs.size(); ++i) {
+        if ((by_port ? pairs[i].first : pairs[i].second) != (by_port ? port : value)) continue;
+        const std::string given = port + "=" + value;
+        const std::string reason = std::string(what) + " " + (by_port ? port : value) + " is given twice: here and in " +
+                                   option + " " + pairs[i].first + "=" + pairs[i].second;
+        host_options_fail(kName, option, given.c_str(), reason.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -130,9 +147,13 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
         case kIn:
             if (strchr(optarg, '=') == nullptr) options->in_dir = optarg;
             else if (!pair_split(optarg, options->in_files)) return refuse("--in", optarg, "not DIR or PORT=FILE");
+            else if (!pair_unique("--in", options->in_files, "port", true)) return HOST_OPTIONS_USAGE;
             break;
         case kPort:
             if (!pair_split(optarg, options->interfaces)) return refuse("--port", optarg, "not PORT=IFACE");
+            if (!pair_unique("--port", options->interfaces, "port", true) ||
+                !pair_unique("--port", options->interfaces, "interface", false))
+                return HOST_OPTIONS_USAGE;
             break;
         case kDuration:
             if (!host_options_number(optarg, 1, UINT_MAX, &seconds))

@@ -13,7 +13,7 @@
 #include "packet_var.h"
 #include "pe_config.h"
 #include "pe_forward.h"
-#include "pe_pcap.h"
+#include "pe_io.h"
 
 namespace {
 
@@ -62,7 +62,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pe_forwarder_init(&forwarder, &config, emit_nothing, io);
         volatile sig_atomic_t stop = 0;
         pe_io_run(io, &forwarder, 0, &stop, false);
-        pe_io_close(io);
+        pe_io_close(io, false);
     }
     close(fd);
     if (packet_stats.get_successes != packet_stats.returns) abort();
