@@ -48,17 +48,6 @@ bool refuse(FILE* err, const std::string& path, const char* what) {
     return false;
 }
 
-// Makes path and the folders above it that are missing.
-bool folder_make(const std::string& path) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1))
-        if (mkdir(path.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) return false;
-    return mkdir(path.c_str(), 0777) == 0 || errno == EEXIST;
-}
-
-bool write_failed(FILE* err, const pe_capture_writer_t* writer) {
-    return refuse(err, writer->path, strerror(errno != 0 ? errno : EIO));
-}
-
 }  // namespace
 
 bool pe_capture_open(pe_capture_reader_t* reader, const char* path, FILE* err) {
@@ -124,68 +113,36 @@ void pe_capture_close(pe_capture_reader_t* reader) {
 }
 
 bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err) {
-    writer->path = path;
-    const size_t slash = writer->path.rfind('/');
-    const size_t name = slash == std::string::npos ? 0 : slash + 1;
-    if (name > 1 && !folder_make(writer->path.substr(0, name - 1)))
-        return refuse(err, writer->path.substr(0, name - 1), strerror(errno));
-    writer->temporary = writer->path.substr(0, name) + "." + writer->path.substr(name) + ".XXXXXX";
-    const int fd = mkstemp(writer->temporary.data());
-    if (fd < 0) {
-        writer->temporary.clear();
-        return write_failed(err, writer);
-    }
-    // mkstemp makes the file private; the capture gets the mode any new file would.
-    const mode_t mask = umask(0);
-    umask(mask);
-    writer->file = fchmod(fd, 0666 & ~mask) == 0 ? fdopen(fd, "wb") : nullptr;
-    if (writer->file == nullptr) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return write_failed(err, writer);
-    }
-    setvbuf(writer->file, nullptr, _IOFBF, kBuffer);
+    const std::string target = path;
+    const size_t slash = target.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !diag_folder_make(target.substr(0, slash), "corvex-pe", err))
+        return false;
+    // What the run reads is kept from its outputs before they are created.
+    writer->output.emplace("corvex-pe", err);
+    if (!writer->output->open(target, DiagInputs{})) return false;
+    setvbuf(writer->output->file(), nullptr, _IOFBF, kBuffer);
     uint8_t header[kFileHeader] = {};
     le32_put(header, kMagicMicro);
     le32_put(header + 4, 2 | 4 << 16);  // version 2.4
     le32_put(header + 16, kSnapLength);
     le32_put(header + 20, kLinkEthernet);
     errno = 0;
-    return fwrite(header, sizeof header, 1, writer->file) == 1 || write_failed(err, writer);
+    return writer->output->checked(fwrite(header, sizeof header, 1, writer->output->file()) == 1);
 }
 
-bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length,
-                      FILE* err) {
+bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length, FILE*) {
     uint8_t header[kRecordHeader];
     le32_put(header, static_cast<uint32_t>(time_ns / 1000000000));
     le32_put(header + 4, static_cast<uint32_t>(time_ns % 1000000000 / 1000));
     le32_put(header + 8, length);
     le32_put(header + 12, length);
+    FILE* file = writer->output->file();
     errno = 0;
-    return (fwrite(header, sizeof header, 1, writer->file) == 1 && fwrite(frame, length, 1, writer->file) == 1) ||
-           write_failed(err, writer);
+    return writer->output->checked(fwrite(header, sizeof header, 1, file) == 1 && fwrite(frame, length, 1, file) == 1);
 }
 
-bool pe_capture_finish(pe_capture_writer_t* writer, FILE* err) {
-    errno = 0;
-    const bool flushed = fflush(writer->file) == 0 && !ferror(writer->file);
-    const int error = errno;
-    const bool closed = fclose(writer->file) == 0;
-    writer->file = nullptr;
-    if (!flushed) errno = error;
-    return (flushed && closed) || write_failed(err, writer);
-}
+bool pe_capture_finish(pe_capture_writer_t* writer, FILE*) { return writer->output->finish(); }
 
-bool pe_capture_publish(pe_capture_writer_t* writer, FILE* err) {
-    if (rename(writer->temporary.c_str(), writer->path.c_str()) != 0) return write_failed(err, writer);
-    writer->temporary.clear();
-    return true;
-}
+bool pe_capture_publish(pe_capture_writer_t* writer, FILE*) { return writer->output->publish(); }
 
-void pe_capture_discard(pe_capture_writer_t* writer) {
-    if (writer->file != nullptr) fclose(writer->file);
-    writer->file = nullptr;
-    if (!writer->temporary.empty()) unlink(writer->temporary.c_str());
-    writer->temporary.clear();
-}
+void pe_capture_discard(pe_capture_writer_t* writer) { writer->output.reset(); }

@@ -12,7 +12,10 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <optional>
 #include <string>
+
+#include "diag_output.h"
 
 // The largest wire length a record may claim; beyond it the file is
 // damaged, whatever its snapshot length says.
@@ -40,15 +43,16 @@ bool pe_capture_open(pe_capture_reader_t* reader, const char* path, FILE* err);
 int pe_capture_read(pe_capture_reader_t* reader, FILE* err);
 void pe_capture_close(pe_capture_reader_t* reader);
 
+// A capture being written: under a temporary name beside its path until it
+// is published (diag_output.h).
 struct pe_capture_writer_t {
-    FILE* file = nullptr;
-    std::string path;       // where the capture goes when published
-    std::string temporary;  // where it is written until then
+    std::optional<DiagOutput> output;
 };
 
 // Creates the capture under a temporary name beside path (making the
-// folders it lacks) and writes its file header. Every write error (here, in pe_capture_write and at the
-// close) is one line on err naming path and the system's reason.
+// folders it lacks) and writes its file header. Every write error (here,
+// in pe_capture_write and at the close) is one line on err naming path
+// and the system's reason.
 bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err);
 bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length,
                       FILE* err);

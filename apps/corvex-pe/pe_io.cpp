@@ -216,9 +216,9 @@ pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err) {
 int pe_io_close(pe_io_t* io, bool publish) {
     bool written = publish;
     for (unsigned i = 0; written && i < io->nports; ++i)
-        if (io->ports[i].writer.file != nullptr) written = pe_capture_finish(&io->ports[i].writer, io->err);
+        if (io->ports[i].writer.output) written = pe_capture_finish(&io->ports[i].writer, io->err);
     for (unsigned i = 0; written && i < io->nports; ++i)
-        if (!io->ports[i].writer.temporary.empty()) written = pe_capture_publish(&io->ports[i].writer, io->err);
+        if (io->ports[i].writer.output) written = pe_capture_publish(&io->ports[i].writer, io->err);
     for (unsigned i = 0; i < io->nports; ++i) {
         pe_io_t::Port& port = io->ports[i];
         pe_capture_discard(&port.writer);
@@ -233,7 +233,7 @@ bool pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
     auto* io = static_cast<pe_io_t*>(context);
     pe_io_t::Port& port = io->ports[port_index];
     if (port.live != nullptr) return pe_live_queue(port.live, packet->frame_start, packet->length);
-    if (port.writer.file == nullptr) return !io->failed;
+    if (!port.writer.output) return !io->failed;
     if (!io->failed && !pe_capture_write(&port.writer, io->now_ns, packet->frame_start, packet->length, io->err))
         io->failed = true;
     return !io->failed;

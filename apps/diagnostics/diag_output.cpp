@@ -52,7 +52,7 @@ bool DiagOutput::open(const std::string& path, const DiagInputs& inputs) {
     return true;
 }
 
-bool DiagOutput::commit() {
+bool DiagOutput::finish() {
     if (file_ == nullptr) return false;
     errno = 0;
     const bool written = fflush(file_) == 0 && ferror(file_) == 0;
@@ -60,10 +60,17 @@ bool DiagOutput::commit() {
     const bool closed = fclose(file_) == 0;
     file_ = nullptr;
     if (!written || !closed) return fail(strerror(written ? errno : error));
+    return true;
+}
+
+bool DiagOutput::publish() {
+    if (temporary_.empty() || file_ != nullptr) return false;
     if (rename(temporary_.c_str(), path_.c_str()) != 0) return fail(strerror(errno));
     temporary_.clear();
     return true;
 }
+
+bool DiagOutput::checked(bool ok) { return ok || fail(strerror(errno != 0 ? errno : EIO)); }
 
 void DiagOutput::discard() {
     if (file_ != nullptr) fclose(file_);
@@ -80,15 +87,13 @@ bool DiagOutput::fail(const char* reason) {
 
 bool diag_folder_make(const std::string& folder, const char* program, FILE* err) {
     for (size_t slash = folder.find('/', 1);; slash = folder.find('/', slash + 1)) {
-        const std::string step = folder.substr(0, slash);
-        if (mkdir(step.c_str(), 0777) != 0 && errno != EEXIST) {
-            fprintf(err, "%s: %s: %s\n", program, step.c_str(), strerror(errno));
-            return false;
-        }
-        if (slash == std::string::npos) break;
+        if (mkdir(folder.substr(0, slash).c_str(), 0777) != 0 && errno != EEXIST) break;
+        if (slash != std::string::npos) continue;
+        struct stat info;
+        if (stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return true;
+        errno = ENOTDIR;
+        break;
     }
-    struct stat info;
-    if (stat(folder.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return true;
-    fprintf(err, "%s: %s: %s\n", program, folder.c_str(), strerror(ENOTDIR));
+    fprintf(err, "%s: %s: %s\n", program, folder.c_str(), strerror(errno));
     return false;
 }

@@ -46,10 +46,18 @@ public:
     bool open(const std::string& path, const DiagInputs& inputs);
     // Where the text goes while the output is open (null before).
     FILE* file() const { return file_; }
-    // Writes out, closes and renames the file into place.
-    bool commit();
+    // Writes out what is buffered and closes the file: complete under its
+    // temporary name.
+    bool finish();
+    // Renames a finished file into place.
+    bool publish();
+    // Both: the file complete in its place.
+    bool commit() { return finish() && publish(); }
     // Drops the output: the temporary file is removed.
     void discard();
+    // ok, or false after telling the system's reason for a failed write
+    // (errno) and dropping the output.
+    bool checked(bool ok);
 
 private:
     bool fail(const char* reason);
@@ -61,5 +69,5 @@ private:
 };
 
 // Makes folder and the folders above it that it lacks; false after a line
-// on err naming it.
+// on err naming it and the system's reason.
 bool diag_folder_make(const std::string& folder, const char* program, FILE* err);
