@@ -38,7 +38,8 @@ for arg in "$@"; do
     continue
   fi
   # A long option given its value as the next word.
-  for option in --config:3 --in:4 --out:3 --port:3 --duration:3 --command:5; do
+  for option in --config:3 --in:4 --out:3 --port:3 --duration:3 --command:5 --heap-map:5 --trace:3 --drops:4 \
+    --counters:5; do
     [[ $arg != *=* ]] && names "$arg" "${option%:*}" "${option#*:}" && value_next=1
   done
 done
