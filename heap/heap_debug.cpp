@@ -2,20 +2,11 @@
 #include <cstring>
 
 #include "priv_heap.h"
-#include "priv_simd.h"
 
-using namespace corvex::heap;
-
-namespace {
-
-void fill_words_plain(u_int32_t* word, size_t words) {
-    for (size_t i = 0; i < words; ++i) {
-        word[i] = HEAP_FREE_FILL;
-    }
-}
+namespace corvex::heap {
 
 // Sixteen bytes a store once the pointer is aligned to them.
-CORVEX_VECTOR_TARGET void fill_words_vector(u_int32_t* word, size_t words) {
+CORVEX_VECTOR_TARGET void heap_fill_words_vector(u_int32_t* word, size_t words) {
     for (; words > 0 && reinterpret_cast<uintptr_t>(word) % 16 != 0; --words) {
         *word++ = HEAP_FREE_FILL;
     }
@@ -31,38 +22,29 @@ CORVEX_VECTOR_TARGET void fill_words_vector(u_int32_t* word, size_t words) {
     for (; i < words / 4; ++i) {
         vector[i] = fill;
     }
-    fill_words_plain(word + 4 * i, words % 4);
+    heap_fill_words(word + 4 * i, words % 4);
 }
 
-}  // namespace
+}  // namespace corvex::heap
+
+using namespace corvex::heap;
 
 extern "C" {
 
 // Poisons released data so that a stale pointer reads 0xDEADBEEF. Only
 // whole 32-bit words are written: trailing bytes of an odd-sized last
 // block stay as they are.
-void heap_block_post_free(void* p, size_t size) {
-    if (size < 1 || size > kFreeHookLimit) {
-        return;
-    }
-    // Below a few vector stores the plain loop is quicker.
-    auto* word = static_cast<u_int32_t*>(p);
-    if (size >= 64 && corvex::cpu_has_vector_unit()) {
-        fill_words_vector(word, size / 4);
-    } else {
-        fill_words_plain(word, size / 4);
-    }
-}
+void heap_block_post_free(void* p, size_t size) { heap_fill_released(p, size); }
 
 // Marks the header a merge swallowed, so a stale pointer to it fails
 // validation instead of freeing into the middle of a block.
-void heap_block_post_coalesce(void* p, size_t /*size*/, size_t old_size) {
-    auto* dead = reinterpret_cast<heap_block_t*>(static_cast<u_int8_t*>(p) + old_size);
-    dead->magic = HEAP_BLOCK_DEAD_MAGIC;
-    dead->header.debug = 0;
-}
+void heap_block_post_coalesce(void* p, size_t /*size*/, size_t old_size) { heap_mark_swallowed(p, old_size); }
 
 void heap_block_pre_alloc(void* /*p*/, size_t /*size*/) {}
+
+void heap_own_post_free(void* p, size_t size) __attribute__((alias("heap_block_post_free")));
+void heap_own_post_coalesce(void* p, size_t size, size_t old_size) __attribute__((alias("heap_block_post_coalesce")));
+void heap_own_pre_alloc(void* p, size_t size) __attribute__((alias("heap_block_pre_alloc")));
 
 void heap_get_default_debug_proc(heap_debug_proc_t* debug_proc) {
     if (debug_proc == nullptr) {

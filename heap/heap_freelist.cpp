@@ -85,7 +85,7 @@ status_t heap_freelist_create(heap_t* heap, size_t size) {
 }
 
 heap_freelist_t* heap_freelist_find_by_size(heap_t* heap, size_t size, boolean empty_check) {
-    return freelist_search(heap, size, empty_check);
+    return freelist_search(heap, list_index_of(heap), size, empty_check);
 }
 
 u_int32_t heap_best_fit_freelist_size(heap_t* heap, size_t size) {

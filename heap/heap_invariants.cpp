@@ -28,7 +28,7 @@ struct Census {
 // A heap with lists added after creation may keep blocks on the coarser
 // list that selected them before: they are at least that list's size.
 bool placed_by_size(heap_t* heap, heap_freelist_t* list, size_t size) {
-    if (list == freelist_for_block(heap, size)) {
+    if (list == freelist_for_block(heap, list_index_of(heap), size)) {
         return true;
     }
     return heap->freelist.item_count > kStartingLists && (list->size == 0 || list->size <= size);

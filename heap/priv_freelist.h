@@ -13,25 +13,23 @@ namespace corvex::heap {
 // The only writer of a header's marks; free-list fields and size are the
 // callers'. A null caller address means a free block.
 inline void heap_block_create(heap_t* heap, heap_block_t* block, heap_block_t* prev, void* callers_pc) {
-    small_node_header_t word{};
+    u_int32_t word = kFreeHeaderWord;
     if (callers_pc != nullptr) {
         block->x.alloc.heap = heap;
         block->x.alloc.allocator.pc = callers_pc;
-        word.allocated = 1;
-        word.refcount = 1;
-        word.pc_saved = 1;
+        word = kAllocatedHeaderWord;
     }
-    word.offset = kOffsetField;
-    block->header = word;
+    std::memcpy(&block->header, &word, sizeof word);
     block->prev = prev;
     block->magic = HEAP_BLOCK_MAGIC;
 }
 
 // Index entry of the first list of at least `size` bytes, or with
 // `empty_check` of the first such list holding a block; the default list
-// when there is none. Reads only the compact index (and the list bits).
-inline heap_freelist_t* freelist_search(heap_t* heap, size_t size, boolean empty_check) {
-    const size_t sized = sized_count(heap);
+// when there is none. Reads only the compact index (and the list bits);
+// `index` is the heap's list_index_of.
+inline heap_freelist_t* freelist_search(heap_t* heap, ListIndex index, size_t size, boolean empty_check) {
+    const size_t sized = index.sized;
     size_t k = sized;
     if (!empty_check) {
         k = first_at_least(heap, sized, size);
@@ -41,6 +39,9 @@ inline heap_freelist_t* freelist_search(heap_t* heap, size_t size, boolean empty
     if (k < sized) {
         return heap->freelist_size[k].freelist;
     }
+    if (index.deflt != nullptr) {
+        return index.deflt;
+    }
     return heap->freelist_size[sized < HEAP_FREELIST_MAX ? sized : HEAP_FREELIST_MAX - 1].freelist;
 }
 
@@ -48,12 +49,11 @@ inline heap_freelist_t* freelist_search(heap_t* heap, size_t size, boolean empty
 // above it, or the default list for blocks at least as large as the largest
 // sized list. A block smaller than every sized list also goes to the
 // default list, whose search checks sizes, so no sized list ever holds a
-// block below its own size.
-inline heap_freelist_t* freelist_for_block(heap_t* heap, size_t block_size) {
-    const size_t sized = sized_count(heap);
-    heap_freelist_t* deflt = sized < heap->freelist.item_count ? heap->freelist_size[sized].freelist : nullptr;
+// block below its own size. `index` is the heap's list_index_of.
+inline heap_freelist_t* freelist_for_block(heap_t* heap, ListIndex index, size_t block_size) {
+    const size_t sized = index.sized;
     if (sized == 0 || block_size < heap->freelist_size[0].size || block_size >= heap->freelist_size[sized - 1].size) {
-        return deflt;
+        return index.deflt;
     }
     // Entries up to k hold sizes <= block_size; the last sized list only bounds.
     const size_t k = first_at_least(heap, sized, block_size + 1);
@@ -98,15 +98,41 @@ inline void freelist_count_out(heap_t* heap, heap_freelist_t* freelist, heap_blo
     }
 }
 
+// The counts and records of a block leaving a list and another joining it,
+// changed as freelist_count_out and then freelist_count_in change them.
+[[gnu::always_inline]] inline void freelist_count_swap(heap_t* heap, heap_freelist_t* freelist, heap_block_t* out,
+                                                       heap_block_t* in) {
+    out->freelist_id = HEAP_FREELIST_NONE;
+    in->freelist_id = freelist->id;
+    freelist->allocs++;
+    freelist->free_bytes += in->size - out->size;
+    heap_block_t* largest = heap->largest_block;
+    if (largest == out || largest == nullptr || largest->size < in->size) {
+        heap->largest_block = in;
+    }
+    // Counted apart from allocs (after the branch): two adjacent counts
+    // are otherwise paired into vector work that costs more than two adds.
+    freelist->frees++;
+    const auto block_size = static_cast<u_int32_t>(in->size);
+    if (freelist->largest < block_size) {
+        freelist->largest = block_size;
+    }
+    if (freelist->smallest == 0 || freelist->smallest > block_size) {
+        freelist->smallest = block_size;
+    }
+}
+
 // Puts a free block on `freelist`, or on the list its size selects when
-// that is null: at the tail in FIFO mode, else at the head.
-inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block) {
+// that is null (`index`: the heap's list_index_of): at the tail when `fifo`
+// (heap_lists_fifo), else at the head.
+inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block, ListIndex index,
+                                  bool fifo) {
     if (block == nullptr || block->header.allocated) {
         heap_freelist_enqueue_refused(heap, block);
         return;
     }
     if (freelist == nullptr) {
-        freelist = freelist_for_block(heap, block->size);
+        freelist = freelist_for_block(heap, index, block->size);
         if (freelist == nullptr) {
             heap_freelist_unplaced(block);
             return;
@@ -116,7 +142,6 @@ inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_
     // has since been overwritten.
     list_t* blocks = &freelist->blocks;
     list_item_t* link = &block->x.free.links;
-    const bool fifo = (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) != 0;
     if (!list_magic_valid(blocks)) {
         fifo ? list_append(blocks, link) : list_prepend(blocks, link);
     } else if (fifo) {
@@ -130,18 +155,18 @@ inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_
     freelist_count_in(heap, freelist, block);
 }
 
-// One move where a block leaves a list and another, free, joins the same
-// list: when `out` stands where the list takes new blocks (its head, or its
-// tail in FIFO mode), taking it off and putting `in` on leaves `in` exactly
-// in its place, so `in` takes that place directly, with every count and
-// record changed as the two moves change them and `out`'s links cleared as
-// taking it off by name clears them. False, and nothing changed, otherwise.
-inline bool heap_freelist_replace(heap_t* heap, heap_freelist_t* freelist, heap_block_t* out, heap_block_t* in) {
+// One move where a block leaves a list and another, free (its header
+// stamped so), joins the same list: when `out` stands where the list takes
+// new blocks (its head, or its tail in FIFO mode), taking it off and putting
+// `in` on leaves `in` exactly in its place, so `in` takes that place
+// directly, with every count and record changed as the two moves change
+// them and `out`'s links cleared as taking it off by name clears them.
+// False, and nothing changed, otherwise. `fifo` is heap_lists_fifo.
+[[gnu::always_inline]] inline bool heap_freelist_replace(heap_t* heap, heap_freelist_t* freelist, heap_block_t* out,
+                                                         heap_block_t* in, bool fifo) {
     list_t* blocks = &freelist->blocks;
     list_item_t* out_link = &out->x.free.links;
-    const bool fifo = (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) != 0;
-    if (!list_magic_valid(blocks) || (fifo ? blocks->tail : blocks->head) != out_link ||
-        in->header.allocated) {
+    if (!list_magic_valid(blocks) || (fifo ? blocks->tail : blocks->head) != out_link) {
         return false;
     }
     list_item_t* in_link = &in->x.free.links;
@@ -153,8 +178,7 @@ inline bool heap_freelist_replace(heap_t* heap, heap_freelist_t* freelist, heap_
     (after != nullptr ? after->prev : blocks->tail) = in_link;
     out_link->prev = nullptr;
     out_link->next = nullptr;
-    freelist_count_out(heap, freelist, out);
-    freelist_count_in(heap, freelist, in);
+    freelist_count_swap(heap, freelist, out, in);
     return true;
 }
 

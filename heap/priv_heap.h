@@ -9,6 +9,7 @@
 #include "heap.h"
 #include "priv_glb_lock.h"
 #include "priv_invariants.h"
+#include "priv_simd.h"
 
 namespace corvex::heap {
 
@@ -26,6 +27,11 @@ inline constexpr size_t kAlign = 8;
 inline constexpr size_t kFreeHookLimit = 1048576;
 inline constexpr u_int32_t kOffsetField = static_cast<u_int32_t>(HEAP_BLOCK_OFFSET) & 0x3FFFu;
 inline constexpr u_int32_t kUpperMark = 0xFFE4u;
+// The header word heap_block_create stamps, whole (bit positions as heap.h
+// lays the word out): a free block has only offset = -7; an allocated one
+// adds allocated = 1, refcount = 1 and pc_saved = 1.
+inline constexpr u_int32_t kFreeHeaderWord = kOffsetField << 18;
+inline constexpr u_int32_t kAllocatedHeaderWord = kFreeHeaderWord | 1u << 15 | 1u << 7 | 1u;
 
 static_assert(offsetof(heap_block_t, data) == kHeaderSize, "data follows the header directly");
 static_assert(kHeaderSize % kAlign == 0, "data areas stay 8-byte aligned");
@@ -92,13 +98,6 @@ inline heap_block_t* next_block_addr(const heap_t* heap, heap_block_t* block) {
     return reinterpret_cast<heap_block_t*>(data + block->size);
 }
 
-// The next block when a whole header of it lies in the range: the only
-// kind whose fields may be read or written.
-inline heap_block_t* next_header_in_heap(const heap_t* heap, heap_block_t* block) {
-    heap_block_t* next = next_block_addr(heap, block);
-    return next != nullptr && header_in_heap(heap, next) ? next : nullptr;
-}
-
 inline bool block_is_live(const heap_block_t* block) { return block->magic == HEAP_BLOCK_MAGIC; }
 
 inline bool header_word_marked(const heap_block_t* block) {
@@ -126,12 +125,21 @@ inline u_int8_t* trailer_of(heap_block_t* block) { return data_of(block) + block
 // Every guard byte of the trailer is intact (false when it lies outside).
 bool trailer_intact_in(heap_t* heap, heap_block_t* block);
 
-// Number of sized lists: the index is ordered by ascending size and ends
-// with the default list (size 0).
-inline size_t sized_count(const heap_t* heap) {
-    size_t lists = heap->freelist.item_count;
-    return lists > 0 && heap->freelist_size[lists - 1].size == 0 ? lists - 1 : lists;
+// The shape of a heap's index, read once by an operation: the number of
+// sized lists (the index is ordered by ascending size and ends with the
+// default list, size 0) and the default list (null when there is none).
+struct ListIndex {
+    size_t sized;
+    heap_freelist_t* deflt;
+};
+inline ListIndex list_index_of(const heap_t* heap) {
+    const size_t lists = heap->freelist.item_count;
+    if (lists > 0 && heap->freelist_size[lists - 1].size == 0) {
+        return {lists - 1, heap->freelist_size[lists - 1].freelist};
+    }
+    return {lists, nullptr};
 }
+inline size_t sized_count(const heap_t* heap) { return list_index_of(heap).sized; }
 
 // First index entry whose size is at least `size` (`sized` when none is).
 inline size_t first_at_least(const heap_t* heap, size_t sized, size_t size) {
@@ -159,7 +167,7 @@ struct ListBits {
     u_int32_t nonempty;                          // bit k: index entry k is a sized list holding a block
     u_int8_t entry_of_slot[HEAP_FREELIST_MAX];  // index entry of each sized list, by slot id
 };
-extern ListBits list_bits[kTrackedHeaps];
+extern __attribute__((visibility("hidden"))) ListBits list_bits[kTrackedHeaps];
 inline ListBits* freelist_bits_of(const heap_t* heap) {
     if (heap->id >= kTrackedHeaps || list_bits[heap->id].heap != heap) {
         return nullptr;
@@ -187,10 +195,6 @@ void heap_invariants_check(heap_t* heap);
 inline void heap_invariants_check(heap_t*) {}
 #endif
 
-// Internal operations (one definition each, shared between the modules).
-void* heap_block_get(heap_t* heap, size_t size, void* callers_pc);
-void heap_block_return(heap_t* heap, void* raw_block);
-
 // Why a block fails validation: the error string of the first test that
 // fails (null when all pass) and the neighbours the report names.
 enum : unsigned { kNamesNone = 0, kNamesPrevious = 1, kNamesNext = 2, kNamesBoth = 3 };
@@ -202,31 +206,42 @@ struct BlockFailure {
     heap_block_t* next;
 };
 
+// What a caller already knows of a block it checks, from tests it has run
+// since the last change that could undo them: a neighbour header (`beside`,
+// the block before or after it) found inside the range, and whether that
+// neighbour's mark and the block's own mark were found live. Tests whose
+// outcome is known are not run again; the others run in their order.
+struct KnownSound {
+    const heap_block_t* beside = nullptr;
+    bool beside_live = false;
+    bool self_live = false;
+};
+
 // Tests 2 to 12, in their fixed order, on a block of a valid heap. A header
 // is read only where one fits inside the range. Inline, so that the release
 // path pays only for the tests (forced: the callers' own checks then fold
-// into the tests). `known_in_heap`, when given, is a header the
-// caller has already found inside the range: a neighbour that is that
-// header needs no range check of its own.
+// into the tests).
 [[gnu::always_inline]] inline BlockFailure block_first_failure(heap_t* heap, heap_block_t* block,
-                                        const heap_block_t* known_in_heap = nullptr) {
-    if (!block_is_live(block)) {
+                                                               KnownSound known = {}) {
+    if (!known.self_live && !block_is_live(block)) {
         return {"Invalid header magic number", kNamesNone, nullptr};
     }
     if (!header_word_marked(block)) {
         return {"Invalid header block magic number", kNamesNone, nullptr};
     }
     heap_block_t* prev = block->prev;
-    if (prev != nullptr && prev != known_in_heap && !header_in_heap(heap, prev)) {
+    const bool prev_known = prev == known.beside;
+    if (prev != nullptr && !prev_known && !header_in_heap(heap, prev)) {
         return {"Possible block overrun - bad prev block pointer", kNamesNone, nullptr};
     }
-    if (prev != nullptr && !block_is_live(prev)) {
+    if (prev != nullptr && !(prev_known && known.beside_live) && !block_is_live(prev)) {
         return {"Possible block overrun - bad prev header magic number", kNamesPrevious, nullptr};
     }
     heap_block_t* next = next_block_addr(heap, block);
     if (next != nullptr) {
-        const bool next_readable = next == known_in_heap || header_in_heap(heap, next);
-        if (!next_readable || !block_is_live(next)) {
+        const bool next_known = next == known.beside;
+        const bool next_readable = next_known || header_in_heap(heap, next);
+        if (!next_readable || !((next_known && known.beside_live) || block_is_live(next))) {
             return {"Possible block overrun - bad next header magic number",
                     next_readable ? kNamesBoth : kNamesPrevious, nullptr};
         }
@@ -266,20 +281,17 @@ inline status_t heap_block_validate(heap_t* heap, heap_block_t* block, boolean n
     }
     return heap_block_validate_failed(heap, block, noisy, active);
 }
-// The release path's checks, noisy and active: of the released block
-// (`beside` null) and of a free neighbour of it (`beside` the block on the
-// released side, already found inside the range). A failure is reported
-// and ends in a panic; a block that passes gives its next block (null: the
-// last of the range).
-[[gnu::always_inline]] inline heap_block_t* heap_block_checked(heap_t* heap, heap_block_t* block, const heap_block_t* beside) {
-    if (heap_valid(heap)) {
-        const BlockFailure failure = block_first_failure(heap, block, beside);
-        if (failure.error == nullptr) {
-            return failure.next;
-        }
+// The release path's checks, noisy and active, on a valid heap: of the
+// released block and of a free neighbour of it. A failure is reported and
+// ends in a panic; a block that passes gives its next block (null: the last
+// of the range).
+[[gnu::always_inline]] inline heap_block_t* heap_block_checked(heap_t* heap, heap_block_t* block,
+                                                               KnownSound known = {}) {
+    const BlockFailure failure = block_first_failure(heap, block, known);
+    if (failure.error != nullptr) [[unlikely]] {
+        heap_block_validate_failed(heap, block, TRUE, TRUE);
     }
-    heap_block_validate_failed(heap, block, TRUE, TRUE);
-    return nullptr;
+    return failure.next;
 }
 [[noreturn]] void heap_bad_heap_panic(heap_t* heap);
 // A block whose size runs past the end of its heap: report, then panic.
@@ -301,13 +313,84 @@ void heap_accounting_show(heap_t* heap, u_int32_t selector);
 // number of heaps being counted is read under the heap lock by the
 // allocation and release paths: while it is 0 they pay one load and one
 // branch.
-extern u_int32_t heap_rates_counted;
+extern __attribute__((visibility("hidden"))) u_int32_t heap_rates_counted;
 void heap_rates_count(heap_t* heap, heap_block_t* block, bool allocated);
 // Counts block's allocation (allocated) or release, the heap lock held.
 inline void heap_rates_note(heap_t* heap, heap_block_t* block, bool allocated) {
     if (heap_rates_counted != 0) [[unlikely]] {
         heap_rates_count(heap, block, allocated);
     }
+}
+
+// Free lists take released blocks at the tail (first in, first out).
+inline bool heap_lists_fifo(const heap_t* heap) { return (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) != 0; }
+
+// The default block hooks' work, for the exported hooks and for the paths
+// that run a default hook in place of calling it (heap_debug.cpp).
+inline void heap_fill_words(u_int32_t* word, size_t words) {
+    // Two words a store: the same bytes, half the stores. With an odd
+    // count the last store overlaps the one before it.
+    constexpr u_int64_t kTwoWords = u_int64_t{HEAP_FREE_FILL} << 32 | HEAP_FREE_FILL;
+    if (words < 2) {
+        if (words != 0) {
+            *word = HEAP_FREE_FILL;
+        }
+        return;
+    }
+    u_int32_t* last_two = word + words - 2;
+    for (; word < last_two; word += 2) {
+        std::memcpy(word, &kTwoWords, sizeof kTwoWords);
+    }
+    std::memcpy(last_two, &kTwoWords, sizeof kTwoWords);
+}
+void heap_fill_words_vector(u_int32_t* word, size_t words);
+inline void heap_fill_released(void* p, size_t size) {
+    if (size < 1 || size > kFreeHookLimit) {
+        return;
+    }
+    // Below a few vector stores the plain loop is quicker.
+    auto* word = static_cast<u_int32_t*>(p);
+    if (size >= 64 && cpu_has_vector_unit()) {
+        heap_fill_words_vector(word, size / 4);
+    } else {
+        heap_fill_words(word, size / 4);
+    }
+}
+inline void heap_mark_swallowed(void* p, size_t old_size) {
+    auto* dead = reinterpret_cast<heap_block_t*>(static_cast<u_int8_t*>(p) + old_size);
+    dead->magic = HEAP_BLOCK_DEAD_MAGIC;
+    dead->header.debug = 0;
+}
+
+}  // namespace corvex::heap
+
+// The default hooks under the library's own addresses (hidden aliases of the
+// exported ones, heap_debug.cpp). A hook slot holding one of these runs that
+// default, which the allocation and release paths then do in place; a host
+// that interposes a default under its exported name installs another
+// address, which is called.
+extern "C" {
+__attribute__((visibility("hidden"))) void heap_own_post_free(void* p, size_t size);
+__attribute__((visibility("hidden"))) void heap_own_post_coalesce(void* p, size_t size, size_t old_size);
+__attribute__((visibility("hidden"))) void heap_own_pre_alloc(void* p, size_t size);
+}
+
+namespace corvex::heap {
+
+// The common case of an allocation or a release: no trace (the heap's debug
+// flag), no per-caller counting, last-in-first-out lists and the default
+// hooks. Such an operation is compiled apart, without the tests and calls
+// it does not need; everything it changes, it changes as the general one.
+// (The flags are or-ed, not tested one by one: one branch for all.)
+inline bool heap_alloc_is_plain(const heap_t* heap) {
+    const u_int32_t flags = heap->debug | heap->debug_enabled | (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) |
+                            heap_rates_counted;
+    return flags == 0 && heap->debug_proc.pre_alloc == heap_own_pre_alloc;
+}
+inline bool heap_release_is_plain(const heap_t* heap) {
+    const u_int32_t flags = heap->debug | (heap->debug_flags & HEAP_DEBUG_FLAG_FIFO) | heap_rates_counted;
+    return flags == 0 && heap->debug_proc.post_free == heap_own_post_free &&
+           heap->debug_proc.post_coalesce == heap_own_post_coalesce;
 }
 
 }  // namespace corvex::heap

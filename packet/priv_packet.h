@@ -192,7 +192,7 @@ inline void sheaf_give(sheaf_t* sheaf, packet_t* packet) {
 // A take that first refills the reserve to min + 1 resting packets, bounded
 // by what the free list may hold should `max` have been lowered to the
 // reserve or below.
-inline packet_t* sheaf_take(sheaf_t* sheaf, sheaf_size_t size) {
+[[gnu::always_inline]] inline packet_t* sheaf_take(sheaf_t* sheaf, sheaf_size_t size) {
     while (sheaf->min != 0 && sheaf->free <= sheaf->min && sheaf->free < sheaf->max) {
         packet_t* packet = sheaf_take_once(sheaf, size, false);
         if (packet == nullptr) break;
@@ -201,12 +201,35 @@ inline packet_t* sheaf_take(sheaf_t* sheaf, sheaf_size_t size) {
     return sheaf_take_once(sheaf, size, true);
 }
 
+// A resting buffer can be too small for a request only in a pool that
+// makes packets per request (size 0) and was allowed to keep some.
+inline bool buffer_fits(packet_t* packet, packet_length_t length) {
+    if (packet->buffer == nullptr) return length == 0;
+    return buffer_capacity(packet->buffer) >= buffer_maximum_for(length);
+}
+
+// The take of both get operations (and of a clone's header) for a caller
+// that holds packet_glb_lock: the pool, the checks and the get_ counters;
+// the header is not reset. Inline, as each caller's own code.
+[[gnu::always_inline]] inline packet_t* packet_take_locked(sheaf_t* sheaf, packet_length_t length, bool sized) {
+    stat_add_locked(packet_stats.get_requests);
+    packet_t* packet = sheaf != nullptr ? sheaf_take(sheaf, length) : nullptr;
+    if (packet != nullptr && sized && length > sheaf->size && sheaf_makes_buffers(sheaf) &&
+        !buffer_fits(packet, length)) {
+        sheaf_give(sheaf, packet);
+        packet = sheaf_take_once(sheaf, length, false);
+    }
+    if (!packet_is_valid_inline(packet)) {
+        stat_add_locked(packet_stats.get_failures);
+        return nullptr;
+    }
+    stat_add_locked(packet_stats.get_successes);
+    return packet;
+}
+
 // Internal forms of the public entries: `pc` is the code address of the
 // public caller, recorded in the header and in the error counters.
 packet_t* packet_get_at(packet_length_t length, void* pc);
-// The take of both get operations for a caller that holds packet_glb_lock:
-// the pool, the checks and the get_ counters; the header is not reset.
-packet_t* packet_take_locked(sheaf_t* sheaf, packet_length_t length, bool sized);
 void packet_return_at(packet_t* packet, void* pc);
 
 }  // namespace corvex::packet

@@ -39,12 +39,12 @@ public:
     // Takes the lock again after release(), recording the new site.
     void acquire(const char* source, int line) {
         int lock_err = pthread_mutex_lock(&lock_.mutex);
-        CORVEX_ASSERT_AT((lock_err == 0) || (lock_err == 35), "(lock_err == 0) || (lock_err == 35)", source,
-                         line);
         owned_ = (lock_err == 0);
-        if (owned_) {
+        if (owned_) [[likely]] {
             lock_.site_file = source;
             lock_.site_line = line;
+        } else {
+            CORVEX_ASSERT_AT(lock_err == 35, "(lock_err == 0) || (lock_err == 35)", source, line);
         }
     }
 

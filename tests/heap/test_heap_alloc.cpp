@@ -1,6 +1,7 @@
 // Heap creation, the size-class free lists, allocation and release:
 // splitting, reference counts, merging, fills, counters, traces.
 #include <algorithm>
+#include <random>
 
 #include "heap_fixture.h"
 
@@ -169,6 +170,59 @@ TEST(HeapFree, ReferenceCountsPoisonAndMergesWithBothNeighbours) {
     EXPECT_EQ(std::tuple(+hdr(c)->magic, +hdr(c)->freelist_id), std::tuple(0xF13F12u, 0x20u)) << "a dead header";
     heap_free(heap, d);
     expect_whole(heap);
+}
+
+// The default hooks reached through other addresses: the heap then runs
+// the general path, which calls each hook, where a heap with the defaults
+// installed runs them in place.
+int forwarded;
+void forward_post_free(void* p, size_t size) { ++forwarded, heap_block_post_free(p, size); }
+void forward_post_coalesce(void* p, size_t size, size_t old) { ++forwarded, heap_block_post_coalesce(p, size, old); }
+void forward_pre_alloc(void* p, size_t size) { ++forwarded, heap_block_pre_alloc(p, size); }
+
+// What the operations change, addresses as offsets from the heap's base.
+std::vector<uintptr_t> state_of(heap_t* heap) {
+    auto off = [heap](const void* p) { return p ? reinterpret_cast<uintptr_t>(p) - heap->base : ~uintptr_t{0}; };
+    std::vector<uintptr_t> s = {heap->stats.allocs,   heap->stats.failed_allocs,     heap->stats.frees,
+                                heap->stats.coalesces, heap->stats.splits,           heap->free_bytes,
+                                heap->available_bytes_watermark, off(heap->largest_block)};
+    for (const heap_freelist_t& l : heap->freelist_table)
+        s.insert(s.end(), {l.allocs, l.frees, l.free_bytes, l.largest, l.smallest, l.blocks.item_count,
+                           off(l.blocks.head), off(l.blocks.tail)});
+    for (auto* b = reinterpret_cast<heap_block_t*>(heap->base);; b = next_of(b)) {
+        u_int32_t marks;  // the magic and the list id
+        std::memcpy(&marks, reinterpret_cast<char*>(&b->header) - 4, 4);
+        const bool free = !b->header.allocated;
+        s.insert(s.end(), {off(b), b->size, word(b), marks, off(b->prev), free ? off(b->x.free.links.next) : 0,
+                           free ? off(b->x.free.links.prev) : b->x.alloc.heap == heap});
+        if (reinterpret_cast<uintptr_t>(data(b)) + b->size >= heap->base + heap->size) return s;
+    }
+}
+
+TEST(HeapFree, DefaultHooksRunInPlaceLeaveTheHeapAsCalledHooksDo) {
+    srand(5);  // the same self-test in both
+    heap_t* in_place = make_heap(1 << 18);
+    srand(5);
+    heap_t* called = make_heap(1 << 18);
+    heap_debug_proc_t hooks{forward_post_free, forward_post_coalesce, forward_pre_alloc};
+    heap_set_debug_proc(called, &hooks);
+    std::mt19937 rng(11);
+    std::vector<size_t> live;  // offsets of the blocks held, the same in both heaps
+    for (int op = 0; op < 3000; ++op) {
+        if (!live.empty() && rng() % 5 < 2) {
+            const size_t i = rng() % live.size();
+            for (heap_t* heap : {in_place, called}) heap_free(heap, reinterpret_cast<char*>(heap->base) + live[i]);
+            live[i] = live.back(), live.pop_back();
+        } else {
+            const size_t size = rng() % 4 ? 1 + rng() % 300 : 1 + rng() % 9000;
+            void* p = heap_malloc(in_place, size);
+            void* q = heap_malloc(called, size);
+            ASSERT_EQ(p == nullptr, q == nullptr);
+            if (p != nullptr) live.push_back(reinterpret_cast<uintptr_t>(p) - in_place->base);
+        }
+        ASSERT_EQ(state_of(in_place), state_of(called)) << "operation " << op;
+    }
+    EXPECT_GT(forwarded, 3000);
 }
 
 TEST(HeapAlloc, FailuresZeroingAndTheDebugTrailer) {

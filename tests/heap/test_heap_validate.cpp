@@ -162,10 +162,33 @@ TEST(HeapValidate, ReleasePanicsAndRefusals) {
     heap_free(u.heap, data(u.b));
     EXPECT_DEATH(heap_free(u.heap, data(u.b)), "heap == expect_heap");
     EXPECT_LOGGED_DEATH(heap_free(nullptr, data(u.b)), "<0>Heap corruption at 0x");
-    // A corrupt free neighbour stops the merge before its links are followed, from either side.
-    u.b->x.free.links.next = &outside_link;
-    for (heap_block_t* neighbour : {u.a, u.c}) {
-        EXPECT_LOGGED_DEATH(heap_free(u.heap, data(neighbour)), panic_after("Invalid fnext pointer"));
+}
+
+void called_post_free(void* p, size_t size) { heap_block_post_free(p, size); }
+
+// A corrupt free neighbour stops the merge before its links are followed,
+// from either side, whether the release runs the default hooks in place
+// (knowing what they leave as the released block's checks found it) or
+// calls a hook that might change anything.
+TEST(HeapValidate, CorruptFreeNeighbourStopsTheMerge) {
+    const std::pair<const char*, void (*)(Three&)> corruptions[] = {
+        {"Invalid fnext pointer", [](Three& t) { t.b->x.free.links.next = &outside_link; }},
+        {"Invalid header block magic number", [](Three& t) { t.b->header.offset ^= 1; }},
+        {"Possible block overrun - bad prev header magic number",
+         [](Three& t) { t.b->prev = static_cast<heap_block_t*>(data(t.a)); }},
+    };
+    for (bool hook_called : {false, true}) {
+        for (auto [error, corrupt] : corruptions) {
+            SCOPED_TRACE(::testing::Message() << error << (hook_called ? ", hook called" : ", hooks in place"));
+            Three t;
+            heap_debug_proc_t hooks{called_post_free, heap_block_post_coalesce, heap_block_pre_alloc};
+            if (hook_called) heap_set_debug_proc(t.heap, &hooks);
+            std::memset(data(t.a), 0, 64);
+            t.freed_b();
+            corrupt(t);
+            for (heap_block_t* neighbour : {t.a, t.c})
+                EXPECT_LOGGED_DEATH(heap_free(t.heap, data(neighbour)), panic_after(error));
+        }
     }
 }
 
