@@ -284,7 +284,7 @@ private:
     }
 #endif
 
-    parser_config& session_;
+    [[maybe_unused]] parser_config& session_;  // its history feeds line editing only
     FILE* in_;
     FILE* out_;
     const char* prompt_;
