@@ -2,10 +2,11 @@
 // switch does. Frames come from capture files (one per port) or live
 // interfaces; every frame goes through the library's packet pools and tag
 // editing; at the end it prints the counters and runs the diagnostic
-// commands on the same process.
+// commands on the same process. Live, its console (pe_console) runs the
+// commands while the frames flow too.
 //
 //   corvex-pe [--config FILE] [--in DIR | --in PORT=FILE...] [--out DIR]
-//             [--port PORT=IFACE... [--duration SECONDS]] [-c COMMAND...] [-q]
+//             [--port PORT=IFACE... [--duration SECONDS] [--every SECONDS]] [-c COMMAND...] [-q]
 //             [--heap-map DIR] [--trace FILE] [--drops FILE] [--counters FILE] [--leaks]
 //             (pe_options.cpp; --help says more; the diagnostics: pe_diagnostics.h)
 //
@@ -31,6 +32,8 @@
 #include "host_options.h"
 #include "host_setup.h"
 #include "pe_config.h"
+#include "pe_console.h"
+#include "pe_control.h"
 #include "pe_diagnostics.h"
 #include "pe_forward.h"
 #include "pe_io.h"
@@ -158,24 +161,19 @@ bool ports_plan(const pe_options_t& options, const pe_config_t& config, const Fi
 int commands_run(const pe_options_t& options, DiagCommands& own) {
     if (options.commands.empty() && !isatty(STDIN_FILENO)) return 0;
     PePhase phase("commands");
-    parser_config* session = cli_session_create(diag_commands_tree(&own));
-    if (session == nullptr) {
+    PeSession session(&own, nullptr);
+    if (session.get() == nullptr) {
         fprintf(stderr, "%s: no memory for a session\n", kName);
         return 1;
     }
-    DiagCallSites named(cli_output_file_sink, stdout);
-    cli_session_output_set(session, DiagCallSites::pass, &named);
     int failures = 0;
     fflush(stdout);
     if (options.commands.empty()) {
-        failures = cli_session_run_interactive(session, stdin, stdout, "corvex-pe> ");
+        failures = cli_session_run_interactive(session.get(), stdin, stdout, "corvex-pe> ");
     } else {
         for (const char* command : options.commands)
-            if (cli_session_execute(session, command) != CLI_OK) ++failures;
+            if (cli_session_execute(session.get(), command) != CLI_OK) ++failures;
     }
-    cli_session_destroy(session);
-    named.flush();
-    fflush(stdout);
     return failures;
 }
 
@@ -268,14 +266,39 @@ int main(int argc, char** argv) {
     }
     configuration_phase.end();
 
+    // Live, the console runs while the frames flow: a session at the
+    // terminal, or the commands every --every seconds.
+    const bool live = !options.interfaces.empty();
+    const bool prompt = live && options.commands.empty() && isatty(STDIN_FILENO);
+    const bool console_live = prompt || (live && options.every > 0);
+    pe_control_t* control = console_live ? pe_control_create() : nullptr;
+    if (console_live && control == nullptr) {
+        fprintf(stderr, "%s: no event descriptor for the console: %s\n", kName, strerror(errno));
+        pe_io_close(io, false);
+        return 3;
+    }
+    std::vector<const char*> interfaces;
+    for (const pe_port_io_t& port : ports) interfaces.push_back(port.interface);
+    pe_console_attach(&forwarder, interfaces.data());
+    DiagCommands own{kName, stderr, diagnostics.inputs(), options.heap_map_dir};
     struct sigaction action{};
     action.sa_handler = interrupt_note;
     action.sa_flags = SA_RESTART;  // a read of a slow input goes on; the loops look at the flag
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    pe_console_t* console =
+        control != nullptr ? pe_console_start(&own, control, prompt, options.commands, options.every) : nullptr;
+    if (control != nullptr && console == nullptr) {
+        pe_control_destroy(control);
+        pe_io_close(io, false);
+        return 3;
+    }
+    // The progress line is off while a prompt is shown.
     PePhase forwarding_phase("forwarding");
-    const int run = pe_io_run(io, &forwarder, options.duration, &interrupted, !options.quiet);
+    const int run = pe_io_run(io, &forwarder, options.duration, &interrupted, !options.quiet && !prompt, control);
     forwarding_phase.end();
+    int failures = console != nullptr ? pe_console_stop(console) : 0;
+    pe_control_destroy(control);
     // Outputs go into place when the run ended well, interrupted or not.
     const int closed = pe_io_close(io, run == 0);
     // From here on an interrupt ends the process as usual, at the session's prompt it clears the line.
@@ -286,8 +309,7 @@ int main(int argc, char** argv) {
     pe_counters_print(&forwarder, stdout);
     diagnostics.counters_note(forwarder);
 
-    DiagCommands own{kName, stderr, diagnostics.inputs(), options.heap_map_dir};
-    const int failures = commands_run(options, own);
+    if (!prompt) failures += commands_run(options, own);
     // The maps show the heaps as the commands saw them, tables and all.
     const bool mapped = diagnostics.maps_write();
     pe_config_release(&config);

@@ -140,8 +140,8 @@ const timespec* idle_limit(const Progress& progress, double end, timespec* limit
 }
 
 int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop,
-             Progress& progress) {
-    pollfd fds[PE_PORTS_MAX];
+             Progress& progress, pe_control_t* control) {
+    pollfd fds[PE_PORTS_MAX + 1];
     unsigned polled[PE_PORTS_MAX];
     nfds_t nfds = 0;
     for (unsigned i = 0; i < io->nports; ++i) {
@@ -149,6 +149,8 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
         fds[nfds] = pollfd{pe_live_fd(io->ports[i].live), POLLIN, 0};
         polled[nfds++] = i;
     }
+    const nfds_t ports = nfds;
+    if (control != nullptr) fds[nfds++] = pollfd{pe_control_fd(control), POLLIN, 0};
     // The stopping signals wait while frames are handled and come in ppoll,
     // so none is missed between the look at *stop and the sleep.
     sigset_t stopping, open_mask;
@@ -156,23 +158,25 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
     sigaddset(&stopping, SIGINT);
     sigaddset(&stopping, SIGTERM);
     sigprocmask(SIG_BLOCK, &stopping, &open_mask);
-    fprintf(io->err, "corvex-pe: forwarding between %u interfaces\n", static_cast<unsigned>(nfds));
+    fprintf(io->err, "corvex-pe: forwarding between %u interfaces\n", static_cast<unsigned>(ports));
     const double end = seconds == 0 ? 0 : monotonic_seconds() + seconds;
     const timespec no_wait{0, 0};
     timespec limit;
     for (bool busy = false; !*stop && (end == 0 || monotonic_seconds() < end);) {
         if (ppoll(fds, nfds, busy ? &no_wait : idle_limit(progress, end, &limit), &open_mask) < 0) continue;
-        for (nfds_t f = 0; f < nfds; ++f)
+        for (nfds_t f = 0; f < ports; ++f)
             if ((fds[f].revents & POLLERR) != 0) pe_live_error_report(io->ports[polled[f]].live, io->err);
         busy = live_batch(io, forwarder) > 0;
-        // A batch boundary: nothing in flight.
-        const bool tick = progress.due();
-        live_settle(io, forwarder, tick);
+        // A batch boundary: nothing in flight. The counters are settled
+        // whole for a progress line and for the console's commands.
+        const bool tick = progress.due(), asked = control != nullptr && pe_control_asked(control);
+        live_settle(io, forwarder, tick || asked);
         if (tick) progress.print(forwarder, io->nports);
+        if (asked && pe_control_serve(control)) break;
     }
     // The frames the rings hold when the run ends are forwarded too, once
     // the interfaces give no more and the blocks being filled are handed over.
-    for (nfds_t f = 0; f < nfds; ++f) pe_live_input_stop(io->ports[polled[f]].live);
+    for (nfds_t f = 0; f < ports; ++f) pe_live_input_stop(io->ports[polled[f]].live);
     const timespec handover{0, 10 * kLiveRetireMs * 1000000L};
     nanosleep(&handover, nullptr);
     while (live_batch(io, forwarder) > 0) {}
@@ -239,7 +243,11 @@ bool pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
     return !io->failed;
 }
 
-int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress) {
+int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress,
+              pe_control_t* control) {
     Progress ticker{progress};
-    return io->live ? live_run(io, forwarder, seconds, stop, ticker) : files_run(io, forwarder, stop, ticker);
+    const int run = io->live ? live_run(io, forwarder, seconds, stop, ticker, control)
+                             : files_run(io, forwarder, stop, ticker);
+    if (control != nullptr) pe_control_finish(control);
+    return run;
 }

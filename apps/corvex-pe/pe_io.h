@@ -6,14 +6,15 @@
 // one ready, each frame forwarded as it is read, then every port's send
 // batch flushed. Between batches no frame is in flight and every counter
 // is settled, so that is where the loop looks at the clock, the stop flag
-// and the progress line (and where anything else that must see the
-// forwarder at rest belongs). With nothing to read it sleeps in ppoll.
+// and the progress line, and where it rests while the console's commands
+// run (pe_control). With nothing to read it sleeps in ppoll.
 #pragma once
 
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 
+#include "pe_control.h"
 #include "pe_forward.h"
 
 struct pe_io_t;
@@ -43,8 +44,11 @@ bool pe_io_emit(void* context, unsigned port, const packet_t* packet);
 
 // Runs frames through forwarder until the files end, seconds pass in live
 // mode (0: no limit), or *stop is set (SIGINT and SIGTERM wake the live
-// loop). Live, adds the frames each interface lost to its port's Rx lost.
-// Prints a progress line every second on stderr when progress is set.
-// Returns 0, or 2 after one line on err when an input turns out damaged
-// or an output cannot be written.
-int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress);
+// loop). Live, adds the frames each interface lost to its port's Rx lost,
+// and serves control (may be null) between batches: pauses, and the end of
+// the traffic; control is finished when the loop ends. Prints a progress
+// line every second on stderr when progress is set. Returns 0, or 2 after
+// one line on err when an input turns out damaged or an output cannot be
+// written.
+int pe_io_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile sig_atomic_t* stop, bool progress,
+              pe_control_t* control);

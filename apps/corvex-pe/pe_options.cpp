@@ -17,12 +17,13 @@ namespace {
 
 constexpr char kName[] = "corvex-pe";
 
-enum : int { kConfig = 256, kIn, kOut, kPort, kDuration, kVersion, kHeapMap, kTrace, kDrops, kCounters, kLeaks };
+enum : int { kConfig = 256, kIn, kOut, kPort, kDuration, kEvery, kVersion, kHeapMap, kTrace, kDrops, kCounters, kLeaks };
 
 const option kLongs[] = {
     {"config", required_argument, nullptr, kConfig}, {"in", required_argument, nullptr, kIn},
     {"out", required_argument, nullptr, kOut},       {"port", required_argument, nullptr, kPort},
-    {"duration", required_argument, nullptr, kDuration}, {"command", required_argument, nullptr, 'c'},
+    {"duration", required_argument, nullptr, kDuration}, {"every", required_argument, nullptr, kEvery},
+    {"command", required_argument, nullptr, 'c'},
     {"quiet", no_argument, nullptr, 'q'},            {"help", no_argument, nullptr, 'h'},
     {"version", no_argument, nullptr, kVersion},     {"heap-map", required_argument, nullptr, kHeapMap},
     {"trace", required_argument, nullptr, kTrace},   {"drops", required_argument, nullptr, kDrops},
@@ -71,7 +72,9 @@ int usage(const pe_options_t& defaults) {
            "      --duration SECONDS  live mode: stop after SECONDS (default: at SIGINT or SIGTERM)\n"
            "  -c, --command COMMAND   a diagnostic command to run after the traffic (repeatable;\n"
            "                          default: an interactive session when standard input is a\n"
-           "                          terminal, else none)\n"
+           "                          terminal, in live mode while the frames flow, else none)\n"
+           "      --every SECONDS     live mode: run the commands every SECONDS while the frames\n"
+           "                          flow too\n"
            "  -q, --quiet             no progress line on standard error\n"
            "      --heap-map DIR      at exit, an SVG map of every heap: DIR/heap-ID-NAME.svg\n"
            "      --trace FILE        the run's phases as a trace (Chrome trace-event JSON, for\n"
@@ -130,6 +133,7 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
     };
     static_assert(UINT_MAX == 4294967295u, "the --duration message names the largest value");
     bool out_given = false, duration_given = false;
+    const char* every = nullptr;
     for (int code; (code = host_options_next(kName, argc, argv, "c:qh", kLongs)) != -1;) {
         unsigned long seconds = 0;
         switch (code) {
@@ -161,16 +165,24 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
             options->duration = static_cast<unsigned>(seconds);
             duration_given = true;
             break;
+        case kEvery:
+            if (!host_options_number(optarg, 1, UINT_MAX, &seconds))
+                return refuse("--every", optarg, "not a whole number of seconds from 1 to 4294967295");
+            options->every = static_cast<unsigned>(seconds);
+            every = optarg;
+            break;
         default: return HOST_OPTIONS_USAGE;  // refused, and said why
         }
     }
     const bool files = !options->in_dir.empty() || !options->in_files.empty();
+    if (every != nullptr && options->commands.empty()) return refuse("--every", every, "needs commands to run (-c)");
     if (!options->interfaces.empty()) {
         if (files) return refuse("--in", nullptr, "not with --port: capture files or live interfaces");
         if (out_given) return refuse("--out", nullptr, "applies to capture files only, not with --port");
         return -1;
     }
     if (duration_given) return refuse("--duration", nullptr, "applies to live interfaces only (--port)");
+    if (every != nullptr) return refuse("--every", every, "applies to live interfaces only (--port)");
     if (!files) options->in_dir = defaults.in_dir;
     if (!out_given) {
         if (defaults.out_dir.empty()) return refuse("--out", nullptr, "no default without HOME or XDG_STATE_HOME");

@@ -14,6 +14,7 @@ struct pe_options_t {
     bool out_default = false;   // out_dir is the default folder, not the user's
     unsigned duration = 0;      // live mode: seconds; 0: until SIGINT or SIGTERM
     std::vector<const char*> commands;
+    unsigned every = 0;         // live mode: seconds between rounds of the commands; 0: at the end only
     bool quiet = false;
     // Diagnostics (pe_diagnostics.h); empty: not written.
     std::string heap_map_dir;  // DIR/heap-ID-NAME.svg for every heap, at exit

@@ -129,11 +129,12 @@ int main(int argc, char** argv) {
     inputs.add_descriptor(STDIN_FILENO);
     if (host_setup_start(kName) != 0) return kHostError;
     host_setup_traffic();
-    parser_config* session = cli_session_create(diag_commands_tree(&own));
+    parser_config* session = cli_session_create(&libcorvex_vty_tree);
     if (session == nullptr) {
         fprintf(stderr, "%s: no memory for a session\n", kName);
         return kHostError;
     }
+    cli_session_tree_add(session, diag_commands_tree(&own));
     Source source{commands.empty() && isatty(STDIN_FILENO) != 0, 0};
     cli_session_messages_set(session, message_print, &source);
     DiagCallSites named(cli_output_file_sink, stdout);

@@ -62,6 +62,5 @@ parser_tree_info tree = {&heap_map.info, extra_nodes};
 const parser_tree_info* diag_commands_tree(DiagCommands* commands) {
     acting = commands;
     heap_map_end.info.next_this_level = &heap_map_folder;
-    heap_map.info.next_this_level = libcorvex_vty_tree.top;
     return &tree;
 }

@@ -1,6 +1,5 @@
-// The programs' own commands, offered beside the library's: a command tree
-// whose first top-level words are these, followed by every word of
-// libcorvex_vty_tree, which stays exactly as it is.
+// The programs' own commands, a tree a session offers beside the library's
+// (cli_session_tree_add), which stays exactly as it is.
 //
 //   heap-map [FOLDER]   writes the map of every heap (diag_heap_maps_write)
 //                       into FOLDER, by default the folder the program was
@@ -21,7 +20,6 @@ struct DiagCommands {
     unsigned failures = 0;    // maps that could not be written
 };
 
-// The tree of the programs' commands and the library's, acting for
-// commands. One program has one such tree: a later call replaces the
+// The tree of the programs' commands, acting for commands. One program has one such tree: a later call replaces the
 // first one's commands.
 const parser_tree_info* diag_commands_tree(DiagCommands* commands);

@@ -20,35 +20,46 @@ const parser_node_info* first_follower(const parser_node_info* node) {
     return static_cast<const parser_node_info*>(node->next_level);
 }
 
-// The alternatives at one position of a line: a chain of the tree's nodes
-// and, at the start of a line, the session's own words after them.
+// The alternatives at one position of a line: chains of nodes taken in
+// turn. At the start of a line: the session's trees, then its own words;
+// after a keyword that several trees have, the followers of each.
 struct Level {
-    const parser_node_info* nodes = nullptr;
-    const parser_node_info* then = nullptr;
+    static constexpr size_t kChainsMax = CLI_TREES_MAX + 1;
+    const parser_node_info* chains[kChainsMax] = {};
+    size_t count = 0;
+
+    void add(const parser_node_info* chain) {
+        if (chain != nullptr && count < kChainsMax) chains[count++] = chain;
+    }
 
     class iterator {
     public:
-        iterator(const parser_node_info* node, const parser_node_info* then) : node_(node), then_(then) { settle(); }
+        iterator(const Level* level, size_t chain) : level_(level), chain_(chain) {
+            node_ = chain_ < level_->count ? level_->chains[chain_] : nullptr;
+        }
         const parser_node_info* operator*() const { return node_; }
         iterator& operator++() {
             node_ = next_alternative(node_);
-            settle();
+            if (node_ == nullptr && ++chain_ < level_->count) node_ = level_->chains[chain_];
             return *this;
         }
         bool operator!=(const iterator& other) const { return node_ != other.node_; }
 
     private:
-        void settle() {
-            if (node_ == nullptr) std::swap(node_, then_);
-        }
+        const Level* level_;
+        size_t chain_;
         const parser_node_info* node_;
-        const parser_node_info* then_;
     };
-    iterator begin() const { return {nodes, then}; }
-    iterator end() const { return {nullptr, nullptr}; }
+    iterator begin() const { return {this, 0}; }
+    iterator end() const { return {this, count}; }
 };
 
-Level line_start(const parser_config& session) { return {session.tree->top, session_words()}; }
+Level line_start(const parser_config& session) {
+    Level level;
+    for (const parser_tree_info* tree : session.trees) level.add(tree->top);
+    level.add(session_words());
+    return level;
+}
 
 const parser_type_keyword& as_keyword(const parser_node_info* node) {
     return *reinterpret_cast<const parser_type_keyword*>(node);
@@ -65,9 +76,11 @@ const parser_type_end_of_line& as_end(const parser_node_info* node) {
 
 // The tree's handler for a node type the engine does not know itself.
 const parser_cmd_info* extra_parser(const parser_config& session, int type) {
-    for (const parser_cmd_info* entry = session.tree->sub_parsers; entry != nullptr && entry->parse_word != nullptr;
-         ++entry) {
-        if (entry->type == type) return entry;
+    for (const parser_tree_info* tree : session.trees) {
+        for (const parser_cmd_info* entry = tree->sub_parsers; entry != nullptr && entry->parse_word != nullptr;
+             ++entry) {
+            if (entry->type == type) return entry;
+        }
     }
     return nullptr;
 }
@@ -95,6 +108,22 @@ bool keyword_starts_with(const parser_type_keyword& keyword, std::string_view pr
     if (keyword.keyword == nullptr) return false;
     std::string_view text = keyword.keyword;
     return text.size() >= prefix.size() && same_text(keyword, text.substr(0, prefix.size()), prefix);
+}
+
+// Two keyword nodes of different trees that stand for one word.
+bool same_keyword(const parser_node_info* a, const parser_node_info* b) {
+    return a->type == PARSER_NODE_KEYWORD && b->type == PARSER_NODE_KEYWORD && as_keyword(b).keyword != nullptr &&
+           keyword_is(as_keyword(a), as_keyword(b).keyword);
+}
+
+// What may follow the node matched at level: its followers, then those of
+// the same keyword in the session's other trees.
+Level followers(const Level& level, const parser_node_info* matched) {
+    Level next;
+    next.add(first_follower(matched));
+    for (const parser_node_info* node : level)
+        if (node != matched && same_keyword(matched, node)) next.add(first_follower(node));
+    return next;
 }
 
 enum class Syntax { number, not_number, too_large };
@@ -193,8 +222,10 @@ cli_status match_word(const parser_config& session, Level level, std::string_vie
             const auto& keyword = as_keyword(node);
             if (keyword_is(keyword, word)) {
                 if (exact == nullptr) exact = node;
-            } else if (listed(session, node) && keyword_starts_with(keyword, word)) {
-                abbreviated.push_back(node);
+            } else if (listed(session, node) && keyword_starts_with(keyword, word) &&
+                       std::none_of(abbreviated.begin(), abbreviated.end(),
+                                    [node](const parser_node_info* seen) { return same_keyword(seen, node); })) {
+                abbreviated.push_back(node);  // a word of several trees counts once
             }
         } else if (is_value_node(node->type)) {
             if (value.node != nullptr) continue;
@@ -303,7 +334,7 @@ void walk(const parser_config& session, const std::vector<std::string_view>& wor
             walk.status = CLI_TOO_MANY_VALUES;
             return;
         }
-        walk.level = {first_follower(match.node)};
+        walk.level = followers(walk.level, match.node);
     }
 }
 
@@ -331,7 +362,8 @@ const parser_node_info* find_end(const parser_config& session, Walk& walk) {
         }
         stand_in.item.source_node = const_cast<parser_node_info*>(optional);
         if (!walk.add(stand_in)) return nullptr;
-        walk.level = {first_follower(optional)};
+        walk.level = Level{};
+        walk.level.add(first_follower(optional));
     }
 }
 
@@ -395,7 +427,9 @@ cli_status execute_words(parser_config& session, const std::vector<std::string_v
         return CLI_NO_HANDLER;
     }
     if (session.debugging) print_command("parser", line.result, command.magic_number, line.extras);
+    if (session.hook != nullptr) session.hook(session.hook_context, 1);
     command.callback(&session, &line.result, command.magic_number);
+    if (session.hook != nullptr) session.hook(session.hook_context, 0);
     return CLI_OK;
 }
 
@@ -409,22 +443,27 @@ cli_status list_help(const parser_config& session, const std::vector<std::string
         const char* help;
     };
     std::vector<Entry> entries;
+    // A word of several trees is listed once, with the first tree's help.
+    auto list = [&entries](std::string label, const char* help) {
+        if (std::none_of(entries.begin(), entries.end(), [&](const Entry& seen) { return seen.label == label; }))
+            entries.push_back({std::move(label), help});
+    };
     u_int64_t ignored = 0;
     const bool partial_is_number = !partial.empty() && parse_unsigned(partial, ignored) != Syntax::not_number;
     for (const parser_node_info* node : line.level) {
         if (!listed(session, node)) continue;
         const char* help = node->help != nullptr ? node->help : "";
         if (node->type == PARSER_NODE_KEYWORD) {
-            if (keyword_starts_with(as_keyword(node), partial)) entries.push_back({as_keyword(node).keyword, help});
+            if (keyword_starts_with(as_keyword(node), partial)) list(as_keyword(node).keyword, help);
         } else if (is_value_node(node->type)) {
-            if (partial.empty() || partial_is_number) entries.push_back({value_label(node), help});
+            if (partial.empty() || partial_is_number) list(value_label(node), help);
         } else if (node->type == PARSER_NODE_END_OF_LINE) {
-            if (partial.empty()) entries.push_back({"<cr>", ""});
+            if (partial.empty()) list("<cr>", "");
         } else if (const parser_cmd_info* extra = extra_parser(session, node->type);
                    extra != nullptr && extra->display_help != nullptr && partial.empty()) {
             char label[64] = {};
             extra->display_help(node, label, sizeof label);
-            entries.push_back({label, help});
+            list(label, help);
         }
     }
     if (words.empty() && partial.empty()) entries.push_back({"#", "a comment: the line is ignored"});
@@ -458,7 +497,9 @@ std::vector<std::string> completions(const parser_config& session, const std::ve
     for (const parser_node_info* node : line.level) {
         if (!listed(session, node)) continue;
         if (node->type == PARSER_NODE_KEYWORD) {
-            if (keyword_starts_with(as_keyword(node), partial)) found.emplace_back(as_keyword(node).keyword);
+            if (keyword_starts_with(as_keyword(node), partial) &&
+                std::find(found.begin(), found.end(), as_keyword(node).keyword) == found.end())
+                found.emplace_back(as_keyword(node).keyword);
         } else if (const parser_cmd_info* extra = extra_parser(session, node->type);
                    extra != nullptr && extra->expand_word != nullptr) {
             char word[256] = {};

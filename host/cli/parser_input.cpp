@@ -46,8 +46,8 @@ void remember(parser_config& session, std::string_view line) {
 
 enum class Got { line, end, too_long, binary, failed, interrupted };
 
-// What reading a byte came to when it gave no byte.
-constexpr int kEnd = -1, kFailed = -2, kInterrupted = -3;
+// What reading a byte came to when it gave no byte (kEnded: cli_session_end).
+constexpr int kEnd = -1, kFailed = -2, kInterrupted = -3, kEnded = -4;
 
 // One line from next() (a byte, or one of the values above), newline
 // dropped; a last line without a newline is still a line.
@@ -57,7 +57,7 @@ Got line_read(NextByte&& next, std::string& line) {
     for (;;) {
         const int c = next();
         if (c == '\n' || (c == kEnd && !line.empty())) return Got::line;
-        if (c == kEnd) return Got::end;
+        if (c == kEnd || c == kEnded) return Got::end;
         if (c == kFailed) return Got::failed;
         if (c == kInterrupted) return Got::interrupted;
         if (c == '\0') return Got::binary;
@@ -71,9 +71,10 @@ Got line_read(NextByte&& next, std::string& line) {
 std::mutex terminal_lock;
 
 // While a terminal session reads, SIGINT writes a byte into a pipe that the
-// reader polls beside the terminal, whichever thread the signal lands on.
-// The pipe is made once and kept: a handler still running on another
-// thread when a session ends never writes into a closed descriptor.
+// reader polls beside the terminal, whichever thread the signal lands on;
+// cli_session_end writes one too. The pipe is made once and kept: a
+// handler still running on another thread when a session ends never
+// writes into a closed descriptor.
 std::atomic<int> interrupt_pipe{-1};
 static_assert(std::atomic<int>::is_always_lock_free, "read in a signal handler");
 
@@ -83,6 +84,8 @@ void interrupt_note(int) {
     errno = saved;
 }
 
+enum class Wait { input, interrupted, ended };
+
 class InterruptCatch {
 public:
     // Called with terminal_lock held. A process that ignores SIGINT (started
@@ -90,9 +93,10 @@ public:
     InterruptCatch() {
         static int fds[2] = {-1, -1};
         if (fds[0] < 0 && pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return;
-        if (sigaction(SIGINT, nullptr, &previous_) != 0 || previous_.sa_handler == SIG_IGN) return;
         read_fd_ = fds[0];
         interrupt_pipe = fds[1];
+        if (sigaction(SIGINT, nullptr, &previous_) != 0 || previous_.sa_handler == SIG_IGN) return;
+        catching_ = true;
         struct sigaction action {};
         action.sa_handler = interrupt_note;
         action.sa_flags = SA_RESTART;
@@ -100,7 +104,7 @@ public:
         sigaction(SIGINT, &action, nullptr);
     }
     ~InterruptCatch() {
-        if (read_fd_ >= 0) sigaction(SIGINT, &previous_, nullptr);
+        if (catching_) sigaction(SIGINT, &previous_, nullptr);
     }
     InterruptCatch(const InterruptCatch&) = delete;
     InterruptCatch& operator=(const InterruptCatch&) = delete;
@@ -112,24 +116,26 @@ public:
         }
     }
 
-    // Waits until fd has input (or an error to read): false when an
-    // interrupt came first.
-    bool input_wait(int fd) const {
+    // Waits until fd has input (or an error to read), an interrupt, or
+    // the end the session was asked for (end).
+    Wait input_wait(int fd, const std::atomic<bool>& end) const {
         pollfd fds[2] = {{fd, POLLIN, 0}, {read_fd_, POLLIN, 0}};
         for (;;) {
+            if (end) return Wait::ended;
             const int ready = poll(fds, read_fd_ >= 0 ? 2 : 1, -1);
             if (ready < 0 && errno == EINTR) continue;
             if (ready > 0 && read_fd_ >= 0 && (fds[1].revents & POLLIN) != 0) {
                 forget();
-                return false;
+                return end ? Wait::ended : Wait::interrupted;
             }
-            return true;
+            return Wait::input;
         }
     }
 
 private:
     struct sigaction previous_ {};
-    int read_fd_ = -1;  // -1: interrupts keep the process's own action
+    bool catching_ = false;  // false: interrupts keep the process's own action
+    int read_fd_ = -1;
 };
 
 #if CORVEX_CLI_READLINE
@@ -220,7 +226,8 @@ private:
 
     int terminal_byte() {
         if (next_ == end_) {
-            if (!interrupts_->input_wait(fileno(in_))) return kInterrupted;
+            const Wait wait = interrupts_->input_wait(fileno(in_), session_.end_asked);
+            if (wait != Wait::input) return wait == Wait::ended ? kEnded : kInterrupted;
             ssize_t got;
             do {
                 got = ::read(fileno(in_), buffer_, sizeof buffer_);
@@ -265,13 +272,18 @@ private:
         edited_done = false;
         rl_callback_handler_install(prompt_, line_accept);
         while (!edited_done) {
-            if (!interrupts_->input_wait(fileno(in_))) {
+            const Wait wait = interrupts_->input_wait(fileno(in_), session_.end_asked);
+            if (wait != Wait::input) {
                 // As bash does: any search or half-typed key ended, ^C shown,
                 // the line forgotten.
                 rl_free_line_state();
                 rl_callback_sigcleanup();
                 rl_point = rl_end;
                 rl_redisplay();
+                if (wait == Wait::ended) {
+                    rl_callback_handler_remove();
+                    return Got::end;
+                }
                 rl_echo_signal_char(SIGINT);
                 rl_callback_handler_remove();
                 fputc('\n', out_);
@@ -314,7 +326,7 @@ int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
     Input input(session, in, out, prompt);
     int failures = 0;
     std::string line;
-    for (unsigned long number = 1;; ++number) {
+    for (unsigned long number = 1; !session.end_asked; ++number) {
         const Got got = input.read(line);
         if (got == Got::end) break;
         if (got == Got::interrupted) {
@@ -344,6 +356,13 @@ int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
 }
 
 }  // namespace corvex_cli
+
+extern "C" void cli_session_end(parser_config* session) {
+    if (session == nullptr) return;
+    session->end_asked = true;
+    // Wakes a terminal reading; one that starts reading later sees the flag.
+    if (const int fd = corvex_cli::interrupt_pipe.load(); fd >= 0) (void)!write(fd, "", 1);
+}
 
 extern "C" int cli_session_run_interactive(parser_config* session, FILE* in, FILE* out, const char* prompt) {
     if (session == nullptr || in == nullptr || out == nullptr) return -1;

@@ -108,8 +108,22 @@ using namespace corvex_cli;
 extern "C" parser_config* cli_session_create(const parser_tree_info* tree) {
     if (tree == nullptr) return nullptr;
     auto* session = new (std::nothrow) parser_config;
-    if (session != nullptr) session->tree = tree;
+    if (session != nullptr) session->trees.push_back(tree);
     return session;
+}
+
+extern "C" int cli_session_tree_add(parser_config* session, const parser_tree_info* tree) {
+    if (session == nullptr || tree == nullptr) return -1;
+    std::lock_guard guard(session->lock);
+    if (session->trees.size() == CLI_TREES_MAX) return -1;
+    session->trees.push_back(tree);
+    return 0;
+}
+
+extern "C" void cli_session_command_hook_set(parser_config* session, cli_command_hook_t hook, void* context) {
+    std::lock_guard guard(session->lock);
+    session->hook = hook;
+    session->hook_context = context;
 }
 
 extern "C" void cli_session_destroy(parser_config* session) { delete session; }

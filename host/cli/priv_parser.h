@@ -1,6 +1,7 @@
 // The session record and the parser engine shared by the CLI library's files.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -10,7 +11,10 @@
 #include "host_cli.h"
 
 struct _parser_config {
-    const parser_tree_info* tree = nullptr;
+    std::vector<const parser_tree_info*> trees;  // the first, then the host's own
+    cli_command_hook_t hook = nullptr;
+    void* hook_context = nullptr;
+    std::atomic<bool> end_asked{false};  // cli_session_end
     int security_level = 0;
     bool debugging = false;
     bool single_line = false;

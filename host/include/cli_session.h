@@ -85,6 +85,37 @@ typedef void (*cli_message_sink_t)(void* context, unsigned long line, const char
 parser_config* cli_session_create(const parser_tree_info* tree);
 void cli_session_destroy(parser_config* session);
 
+/* The most trees one session parses against, its first included. */
+#define CLI_TREES_MAX 4
+
+/*
+ * Adds a tree of the host's own commands beside the session's first tree
+ * (which stays as it is): its commands are parsed, listed and completed
+ * after the first tree's. A keyword that several trees have at one
+ * position is one word, listed once (with the first tree's help), and what
+ * may follow it is what follows it in each of them, in the trees' order:
+ * a host tree with "show" -> "pe" adds "show pe" beside the first tree's
+ * show commands. Returns 0, or -1 for a null tree or past CLI_TREES_MAX.
+ */
+int cli_session_tree_add(parser_config* session, const parser_tree_info* tree);
+
+/*
+ * Called on the executing thread right before a command's callback
+ * (entering 1) and right after it (entering 0), not for help or the
+ * session's own words: a host whose data must be at rest while a command
+ * reads or changes it brings it to rest there. Null: none (the default).
+ */
+typedef void (*cli_command_hook_t)(void* context, int entering);
+void cli_session_command_hook_set(parser_config* session, cli_command_hook_t hook, void* context);
+
+/*
+ * Asks the session's interactive terminal reading to end as at the end of
+ * its input, from any thread (not from a signal handler): waiting for a
+ * line, it ends at once; running a command, it ends before reading the
+ * next line. The session stays ended. Other input (a script) is read on.
+ */
+void cli_session_end(parser_config* session);
+
 /*
  * Where the session's text goes while it executes (the calling thread's
  * destination is restored afterwards). A null sink, the default, leaves

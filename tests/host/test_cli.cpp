@@ -1,6 +1,12 @@
 // The CLI library on the library's own command tree: matching and
 // abbreviation, numbers, errors of each kind, security levels, hidden words
-// and completion; sessions used from several threads at once.
+// and completion; a host's own tree beside it, and the hook around its
+// commands; sessions used from several threads at once, and ended from
+// another thread while they wait at a terminal.
+#include <pty.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,6 +68,68 @@ TEST_F(Parser, LinesReachTheirCommandsOrFailWithTheirMessage) {
     for (const auto& l : lines) EXPECT_EQ(run(l.line, l.status), l.output) << l.line;
     EXPECT_EQ(complete("show heap 7 a"), (Words{"accounting", "address"}));
     EXPECT_EQ(complete("si"), Words{}) << "hidden";
+}
+
+// A host's tree: "show pe counters" and "zap", beside the library's.
+void host_command(parser_config*, parser_result*, u_int32_t magic) { parser_printf("host %u\n", magic); }
+parser_type_end_of_line counters_end = {{PARSER_NODE_END_OF_LINE, nullptr, nullptr, nullptr, 0}, host_command, 1};
+parser_type_end_of_line zap_end = {{PARSER_NODE_END_OF_LINE, nullptr, nullptr, nullptr, 0}, host_command, 2};
+parser_type_keyword counters = {{PARSER_NODE_KEYWORD, &counters_end, nullptr, "the counters", 0}, "counters", 0, 0, 0, 0};
+parser_type_keyword pe = {{PARSER_NODE_KEYWORD, &counters, nullptr, "the port extender", 0}, "pe", 0, 0, 0, 0};
+parser_type_keyword zap = {{PARSER_NODE_KEYWORD, &zap_end, nullptr, "host's own", 0}, "zap", 0, 0, 0, 0};
+parser_type_keyword show = {{PARSER_NODE_KEYWORD, &pe, &zap.info, "host's show", 0}, "show", 0, 0, 0, 0};
+const parser_tree_info host_tree = {&show.info, nullptr};
+
+TEST_F(Parser, AHostTreeAddsItsWordsBesideTheLibrarysAndItsHookFramesEveryCommand) {
+    ASSERT_EQ(cli_session_tree_add(session_, &host_tree), 0);
+    std::string hooks;
+    cli_session_command_hook_set(
+        session_, [](void* calls, int entering) { *static_cast<std::string*>(calls) += entering ? '(' : ')'; },
+        &hooks);
+    const std::string missing = "Failed to find a heap with ID 7\n";
+    const struct {
+        const char* line;
+        std::string output;
+        cli_status status = CLI_OK;
+    } lines[] = {
+        {"show pe counters", "host 1\n"},
+        {"sh pe c", "host 1\n"},  // abbreviated through both trees
+        {"sh p c", "% Ambiguous word \"p\": packet pe\n", CLI_AMBIGUOUS},
+        {"show heap 7", missing},
+        {"z", "host 2\n"},
+        {"show pe", "% Incomplete command\n", CLI_INCOMPLETE},
+        {"s", "% Ambiguous word \"s\": show set\n", CLI_AMBIGUOUS},  // "show" of both trees is one word
+        {"q", "", CLI_END},
+    };
+    for (const auto& l : lines) EXPECT_EQ(run(l.line, l.status), l.output) << l.line;
+    EXPECT_EQ(hooks, "()()()()") << "one pair around each command run, none for the session's words";
+    EXPECT_EQ(complete("sh"), Words{"show"});
+    EXPECT_EQ(complete("show p"), (Words{"packet", "pe"}));
+    const std::string listed = run("show ?");
+    EXPECT_NE(listed.find("  pe "), std::string::npos) << listed;
+    const std::string top = run("?");
+    EXPECT_EQ(top.find("\n  show "), top.rfind("\n  show ")) << "listed once:\n" << top;
+    EXPECT_EQ(cli_session_tree_add(session_, nullptr), -1);
+    while (cli_session_tree_add(session_, &host_tree) == 0) {}
+    EXPECT_EQ(run("zap", CLI_OK), "host 2\n") << "a tree past the limit is refused, the others kept";
+}
+
+TEST(Session, EndedFromAnotherThreadWhileItWaitsAtATerminal) {
+    int terminal, console;
+    ASSERT_EQ(openpty(&terminal, &console, nullptr, nullptr, nullptr), 0);
+    FILE* in = fdopen(console, "r");
+    FILE* out = fopen("/dev/null", "w");
+    parser_config* session = cli_session_create(&libcorvex_vty_tree);
+    int failures = -1;
+    std::thread reader([&] { failures = cli_session_run_interactive(session, in, out, "> "); });
+    ASSERT_EQ(write(terminal, "show heap 7\n", 12), 12);
+    cli_session_end(session);
+    reader.join();  // ends instead of waiting for more lines
+    EXPECT_EQ(failures, 0);
+    cli_session_destroy(session);
+    fclose(out);
+    fclose(in);
+    close(terminal);
 }
 
 void append_text(void* text, const char* data, size_t length) { static_cast<std::string*>(text)->append(data, length); }

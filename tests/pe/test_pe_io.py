@@ -8,10 +8,13 @@
   test_pe_io.py live CORVEX_PE    packet-socket rings between veth pairs in a
                                   network namespace of its own: frames both
                                   ways, and more frames offered than the
-                                  program can take, every one accounted for
+                                  program can take, every one accounted for;
+                                  the console while frames flow, as rounds
+                                  of commands (--every) and at a prompt
                                   (skipped where not allowed)
 """
 import os
+import pty
 import re
 import select
 import shutil
@@ -290,9 +293,10 @@ def live_test(program):
 class Live:
     """corvex-pe forwarding between up0 and a0, the test on their peers up1 and a1."""
 
-    def __init__(self, program, work):
+    def __init__(self, program, work, *argv, stdin=None):
+        self.started = time.monotonic()
         self.pe = subprocess.Popen([program, "--config", os.path.join(work, "pe.conf"), "--port", "up=up0",
-                                    "--port", "a=a0", "-c", "show packet statistics"],
+                                    "--port", "a=a0", *argv], stdin=stdin,
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
         started = self.line()
         check(started and "forwarding between 2 interfaces" in started, "corvex-pe did not start: %r" % started)
@@ -356,10 +360,12 @@ def live_inside(program):
                           "a=upalt", "-q"])
             check((result.returncode, result.stderr) == (2, "corvex-pe: up0 and upalt: one interface, given to two "
                                                             "ports\n"), "altname: %r" % result.stderr)
-        live = Live(program, work)
+        console_test(program, work)
+        live = Live(program, work, "-c", "show packet statistics", "-c", "show pe counters", "--every", "1")
         try:
             forwarding(live)
             overload(live)
+            time.sleep(max(0, live.started + 1.5 - time.monotonic()))  # one round of the commands at least
             live.pe.send_signal(signal.SIGINT)
             stdout, _ = live.pe.communicate(timeout=WAIT)
         finally:
@@ -367,11 +373,41 @@ def live_inside(program):
                 live.pe.kill()
     finally:
         shutil.rmtree(work)
-    ports, _ = counter_rows(stdout)
-    check(live.pe.returncode == 0 and stdout.startswith("Interrupted.\n"), "after SIGINT: %d\n%s"
+    check(live.pe.returncode == 0 and "\nInterrupted.\n" in stdout, "after SIGINT: %d\n%s"
           % (live.pe.returncode, stdout))
+    ports, _ = counter_rows(stdout[stdout.index("\nInterrupted.\n"):])
     check(ports["up"][0] + ports["a"][0] == live.counts["rx"], "table and progress line differ:\n" + stdout)
     check(re.search(r"^ +0 active$", stdout, re.M), "packets left active:\n" + stdout)
+    rounds = re.findall(r"^At (\d+) s:\nPacket Statistics:\n.*?^Port +E-CID +Rx frames ", stdout, re.M | re.S)
+    check(rounds and rounds[0] == "1", "no round of the commands while frames flowed:\n" + stdout)
+
+
+def console_test(program, work):
+    """At the console's prompt while frames flow: the host's commands beside the library's, and quit
+    ending the traffic."""
+    terminal, console = pty.openpty()
+    live = Live(program, work, "-q", stdin=console)
+    os.close(console)
+    try:
+        upward = f.frame(BRIDGE, HOST, f.payload(2, 60))
+        live.offer("a", upward)
+        check(live.receive("up") == tagged(upward, f.etag(0x001)), "no frame forwarded at the prompt")
+        os.write(terminal, b"show pe config\nshow pe counters\nclear pe counters\nshow pe counters\n"
+                           b"show heap 0 sanity\nquit\n")
+        stdout, stderr = live.pe.communicate(timeout=WAIT)
+    finally:
+        if live.pe.poll() is None:
+            live.pe.kill()
+        os.close(terminal)
+    check(live.pe.returncode == 0 and stderr == "", "after quit: %d\n%s" % (live.pe.returncode, stderr))
+    config = ("Port                                E-CID Priority  VLAN             Interface\n"
+              "up                               upstream        -  -                up0\n"
+              "a                                   0x001        0  -                a0\n")
+    check(config in stdout, "show pe config:\n" + stdout)
+    a_rows = re.findall(r"^a +0x001 +(\d+) +\d+ +\d+ ", stdout, re.M)
+    check(a_rows == ["1", "0", "0"], "port a's Rx frames before and after clear, and at exit: %s\n%s"
+          % (a_rows, stdout))
+    check("PE counters cleared\n" in stdout and "passed Heap block sanity check" in stdout, "console:\n" + stdout)
 
 
 def forwarding(live):
