@@ -10,8 +10,10 @@
 # and extended-port-bound ones (E-tagged into up1: corvex-pe removes it),
 # 64-byte frames and the imix size mix. The generator runs on CPU 0,
 # corvex-pe on CPU 1 (the bridge forwards on the sender's CPU).
-# Prints offered, forwarded and lost frames per second (medians of the
-# rounds), then the line "corvex-pe / kernel bridge: R", the median of the
+# The upstream link carries the E-tag: its MTU is 8 bytes more (1508).
+# Prints offered, forwarded and lost frames per second (the round with the
+# median frames forwarded), with the frames corvex-pe counted as not taken (its Rx lost, Tx
+# lost and dropped), then the line "corvex-pe / kernel bridge: R", the median of the
 # rounds' ratios for upstream-bound 64-byte frames.
 # Builds what it needs (build/live-bench, a release build) and installs
 # what a fresh Debian machine lacks; needs root for the namespace.
@@ -53,6 +55,8 @@ for port in a up; do
   ip link set ${port}0 up
   ip link set ${port}1 up
 done
+ip link set up0 mtu 1508
+ip link set up1 mtu 1508
 ip link add br0 type bridge forward_delay 0 stp_state 0
 ip link set br0 up
 printf 'upstream up\nport a 0x001\n' >"$work/pe.conf"
@@ -62,7 +66,8 @@ if [ "$cpus" -ge 2 ]; then pin_gen=(taskset -c 0) pin_pe=(taskset -c 1); fi
 
 received() { cat "/sys/class/net/$1/statistics/rx_packets"; }
 
-# measure FORWARDER DIRECTION SIZE: appends "offered forwarded" (frames/s) to $work/FORWARDER-DIRECTION-SIZE.
+# measure FORWARDER DIRECTION SIZE: appends "offered forwarded counted" (frames/s; counted: what
+# corvex-pe's table says it did not take, "-" for the bridge) to $work/FORWARDER-DIRECTION-SIZE.
 measure() {
   local forwarder=$1 direction=$2 size=$3 from=a1 to=up1 gen_args=()
   if [ "$direction" = down ]; then from=up1 to=a1 gen_args=(--etag 0x001); fi
@@ -76,7 +81,7 @@ measure() {
     ip link set up0 master br0
     sleep 0.1
   fi
-  local before after sent
+  local before after sent counted=-
   before=$(received $to)
   sent=$("${pin_gen[@]}" "$bin/corvex-gen" -i $from --size "$size" --duration "$seconds" "${gen_args[@]}")
   sleep 0.1  # the last frames in the rings
@@ -85,15 +90,22 @@ measure() {
     kill -TERM "$pe_pid"
     wait "$pe_pid" || { cat "$work/pe.err" >&2; exit 1; }
     pe_pid=
+    # Its table's rows: Port E-CID Rx-frames Rx-bytes Tx-frames Tx-bytes Rx-lost Tx-lost LLDP LLDP-PE Dropped Pruned
+    counted=$(awk '$1 == "up" || $1 == "a" { n += $7 + $8 + $11 } END { print n + 0 }' "$work/pe.out")
   else
     ip link set a0 nomaster
     ip link set up0 nomaster
   fi
   # "IFACE: sent N frames, B bytes in S s, R frames/s"
-  awk -v forwarded=$((after - before)) '{ s = $8; printf "%.0f %.0f\n", $3 / s, forwarded / s }' <<<"$sent" \
+  awk -v forwarded=$((after - before)) -v counted="$counted" \
+    '{ s = $8; printf "%.0f %.0f %s\n", $3 / s, forwarded / s, counted == "-" ? "-" : sprintf("%.0f", counted / s) }' \
+    <<<"$sent" \
     >>"$work/$forwarder-$direction-$size"
 }
 
+# The round of a case with the median frames forwarded (the lower of two),
+# its columns together: lost and counted are of one run.
+median_round() { sort -k2,2n "$1" | awk '{ r[NR] = $0 } END { print r[int((NR + 1) / 2)] }'; }
 median() { sort -n | awk '{ v[NR] = $1 } END { print NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 cases=("up 64" "down 64" "up imix" "down imix")
@@ -109,8 +121,8 @@ for round in $(seq "$rounds"); do
   done
 done
 
-echo "corvex-pe live beside the Linux bridge: $rounds rounds of $seconds s, medians, frames per second"
-printf '%-22s %-6s %-14s %12s %12s %10s\n' direction frames forwarder offered forwarded lost
+echo "corvex-pe live beside the Linux bridge: $rounds rounds of $seconds s, the median round of each, frames per second"
+printf '%-22s %-6s %-14s %12s %12s %10s %10s\n' direction frames forwarder offered forwarded lost counted
 for c in "${cases[@]}"; do
   read -r direction size <<<"$c"
   label="upstream-bound"
@@ -119,10 +131,10 @@ for c in "${cases[@]}"; do
     file="$work/$forwarder-$direction-$size"
     name="corvex-pe"
     [ $forwarder = bridge ] && name="kernel bridge"
-    printf '%-22s %-6s %-14s %12.0f %12.0f %10.0f\n' "$label" "$size" "$name" \
-      "$(cut -d' ' -f1 "$file" | median)" "$(cut -d' ' -f2 "$file" | median)" \
-      "$(awk '{ print $1 - $2 }' "$file" | median)"
+    read -r offered forwarded counted < <(median_round "$file")
+    printf '%-22s %-6s %-14s %12s %12s %10s %10s\n' "$label" "$size" "$name" \
+      "$offered" "$forwarded" $((offered - forwarded)) "$counted"
   done
 done
-ratio=$(paste -d' ' "$work/pe-up-64" "$work/bridge-up-64" | awk '{ printf "%.4f\n", ($4 > 0 ? $2 / $4 : 0) }' | median)
+ratio=$(paste -d' ' "$work/pe-up-64" "$work/bridge-up-64" | awk '{ printf "%.4f\n", ($5 > 0 ? $2 / $5 : 0) }' | median)
 printf 'corvex-pe / kernel bridge: %.2f\n' "$ratio"
