@@ -4,12 +4,14 @@
 // slots at a time with one send(); a slot the kernel gives back was taken
 // by the interface, and is counted sent. A frame the interface refuses for
 // the moment (its peer's backlog full) stays in its slot and is sent again,
-// so every frame counted was taken once.
+// so every frame counted was taken once; a frame the kernel refuses as
+// malformed, or never gives back, is counted apart and said.
 //
 //   corvex-gen --interface IFACE [--size BYTES|imix] [--etag E-CID]
 //              [--frames N] [--duration SECONDS]      (gen_options.cpp)
 //
-// Exit status: 0 done; 1 the interface failed while sending; 2 a usage
+// Exit status: 0 done; 1 the interface failed while sending, or refused
+// or kept frames; 2 a usage
 // error or an interface that cannot be opened.
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
@@ -129,30 +131,50 @@ uint32_t status(const tpacket2_hdr* header) { return __atomic_load_n(&header->tp
 
 struct Totals {
     uint64_t frames = 0, bytes = 0;
+    uint64_t refused = 0;      // malformed for the interface
+    uint64_t unconfirmed = 0;  // still the kernel's at the end
 };
 
 // Sends until the frames are out, the time is up or a signal comes.
 // Slots [done, queued) are the kernel's; a send that leaves slots behind
-// (the peer busy) is repeated. Returns false after a line on stderr when
-// the interface fails.
+// (the peer busy) is repeated. A slot the kernel marks malformed is
+// counted refused and used again. When no slot has come back for a second
+// (the peer drops a frame each time it is offered, e.g. past its MTU) the
+// generator stops and counts the slots left as unconfirmed: it never
+// waits for ever. Returns false after a line on stderr when the interface
+// fails.
 bool frames_send(Ring& ring, const gen_options_t& options, Totals& sent) {
     const double end = options.seconds == 0 ? 0 : monotonic_seconds() + options.seconds;
+    double progress = monotonic_seconds();
     uint64_t queued = 0, done = 0;
     for (;;) {
-        const bool more = !stopping && (options.frames == 0 || queued < options.frames) &&
-                          (end == 0 || monotonic_seconds() < end);
+        const double now = monotonic_seconds();
+        const bool more =
+            !stopping && (options.frames == 0 || queued < options.frames) && (end == 0 || now < end);
         if (!more && done == queued) return true;
+        if (done != queued && now - progress > 1) {
+            sent.unconfirmed = queued - done;
+            return true;
+        }
         for (unsigned n = 0; more && n < kBatch && queued - done < kSlots &&
                              (options.frames == 0 || queued < options.frames); ++n, ++queued)
             __atomic_store_n(&ring.slot(queued)->tp_status, TP_STATUS_SEND_REQUEST, __ATOMIC_RELEASE);
-        if (send(ring.fd, nullptr, 0, 0) < 0 && errno != ENOBUFS && errno != EAGAIN && errno != EINTR)
+        if (send(ring.fd, nullptr, 0, MSG_DONTWAIT) < 0 && errno != ENOBUFS && errno != EAGAIN && errno != EINTR)
             return fail(options.interface.c_str(), "send");
+        const uint64_t before = done;
         for (; done < queued; ++done) {
-            const uint32_t now = status(ring.slot(done));
-            if (now != TP_STATUS_AVAILABLE) break;
+            tpacket2_hdr* slot = ring.slot(done);
+            const uint32_t state = status(slot);
+            if (state == TP_STATUS_WRONG_FORMAT) {
+                ++sent.refused;
+                __atomic_store_n(&slot->tp_status, TP_STATUS_AVAILABLE, __ATOMIC_RELEASE);
+                continue;
+            }
+            if (state != TP_STATUS_AVAILABLE) break;
             ++sent.frames;
-            sent.bytes += ring.slot(done)->tp_len;
+            sent.bytes += slot->tp_len;
         }
+        if (done != before) progress = now;
     }
 }
 
@@ -174,5 +196,8 @@ int main(int argc, char** argv) {
     printf("%s: sent %llu frames, %llu bytes in %.3f s, %.0f frames/s\n", options.interface.c_str(),
            static_cast<unsigned long long>(sent.frames), static_cast<unsigned long long>(sent.bytes), seconds,
            seconds > 0 ? static_cast<double>(sent.frames) / seconds : 0.0);
-    return good ? 0 : 1;
+    if (sent.refused > 0 || sent.unconfirmed > 0)
+        fprintf(stderr, "%s: %s: %llu frames refused, %llu not confirmed sent\n", kName, options.interface.c_str(),
+                static_cast<unsigned long long>(sent.refused), static_cast<unsigned long long>(sent.unconfirmed));
+    return good && sent.refused == 0 && sent.unconfirmed == 0 ? 0 : 1;
 }

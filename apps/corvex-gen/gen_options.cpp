@@ -31,15 +31,16 @@ int usage() {
            "                         (default 64), or imix: 64, 576 and 1518 bytes, 7:4:1\n"
            "      --etag E-CID       E-tagged frames naming E-CID (1 to 0x3fffff), as the\n"
            "                         controlling bridge sends them (default: untagged)\n"
-           "      --frames N         stop after N frames (1 to 2^64-1)\n"
+           "      --frames N         stop after N frames (1 to 18446744073709551614)\n"
            "      --duration SECONDS stop after SECONDS (1 to 4294967295)\n"
            "  -h, --help             print this help and exit\n"
            "      --version          print the version and exit\n\n"
            "Without --frames or --duration it sends until SIGINT or SIGTERM. At the end it\n"
            "prints one line: \"IFACE: sent FRAMES frames, BYTES bytes in SECONDS s, RATE\n"
            "frames/s\" (bytes without the FCS).\n\n"
-           "Exit status: 0 done; 1 the interface failed while sending; 2 a usage error or\n"
-           "an interface that cannot be opened.\n",
+           "Exit status: 0 done; 1 the interface failed while sending, or refused frames or\n"
+           "kept them (counted on standard error); 2 a usage error or an interface that\n"
+           "cannot be opened.\n",
            kName);
     return 0;
 }

@@ -361,6 +361,7 @@ def live_inside(program):
             check((result.returncode, result.stderr) == (2, "corvex-pe: up0 and upalt: one interface, given to two "
                                                             "ports\n"), "altname: %r" % result.stderr)
         console_test(program, work)
+        generated_test(program, work)
         live = Live(program, work, "-c", "show packet statistics", "-c", "show pe counters", "--every", "1")
         try:
             forwarding(live)
@@ -380,6 +381,28 @@ def live_inside(program):
     check(re.search(r"^ +0 active$", stdout, re.M), "packets left active:\n" + stdout)
     rounds = re.findall(r"^At (\d+) s:\nPacket Statistics:\n.*?^Port +E-CID +Rx frames ", stdout, re.M | re.S)
     check(rounds and rounds[0] == "1", "no round of the commands while frames flowed:\n" + stdout)
+
+
+def generated_test(program, work):
+    """corvex-gen's frames through corvex-pe as fast as they come: every frame sent is received or
+    counted lost, every frame received is sent upstream or counted, and what it sent arrives."""
+    live = Live(program, work, "-q")
+    try:
+        arrived = int(open("/sys/class/net/up1/statistics/rx_packets").read())
+        gen = run([os.path.join(os.path.dirname(program), "corvex-gen"), "-i", "a1", "--frames", "20000"])
+        check(gen.returncode == 0 and gen.stdout.startswith("a1: sent 20000 frames, "), "corvex-gen: %r %r"
+              % (gen.stdout, gen.stderr))
+        time.sleep(0.2)  # the rings hand their last blocks over
+        live.pe.send_signal(signal.SIGINT)
+        stdout, _ = live.pe.communicate(timeout=WAIT)
+        arrived = int(open("/sys/class/net/up1/statistics/rx_packets").read()) - arrived
+    finally:
+        if live.pe.poll() is None:
+            live.pe.kill()
+    ports, _ = counter_rows(stdout)
+    up, a = ports["up"], ports["a"]  # rx frames, rx bytes, tx frames, tx bytes, rx lost, tx lost, ..., dropped
+    check(a[0] + a[4] == 20000 and a[0] == up[2] + up[5] + a[8] and up[2] == arrived,
+          "20000 frames sent, %d arrived:\n%s" % (arrived, stdout))
 
 
 def console_test(program, work):
