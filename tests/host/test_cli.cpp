@@ -39,16 +39,22 @@ protected:
         EXPECT_EQ(count, static_cast<int>(words.size()));
         return words;
     }
+    // A line, what it prints and the status it ends with.
+    struct Line {
+        const char* line;
+        std::string output;
+        cli_status status = CLI_OK;
+    };
+    template <size_t N>
+    void run_all(const Line (&lines)[N]) {
+        for (const Line& l : lines) EXPECT_EQ(run(l.line, l.status), l.output) << l.line;
+    }
+    const std::string missing = "Failed to find a heap with ID 7\n";
     parser_config* session_ = cli_session_create(&libcorvex_vty_tree);
 };
 
 TEST_F(Parser, LinesReachTheirCommandsOrFailWithTheirMessage) {
-    const std::string missing = "Failed to find a heap with ID 7\n";
-    const struct {
-        const char* line;
-        std::string output;
-        cli_status status = CLI_OK;
-    } lines[] = {
+    const Line lines[] = {
         {"show heap 0x7", missing},
         {"  sh   he\t7 ", missing},  // abbreviations, spaces and tabs
         {"", ""},
@@ -65,7 +71,7 @@ TEST_F(Parser, LinesReachTheirCommandsOrFailWithTheirMessage) {
         {"set security 10", "Security level set to 10\n"},
         {"show heap 7 sanity active", missing},
     };
-    for (const auto& l : lines) EXPECT_EQ(run(l.line, l.status), l.output) << l.line;
+    run_all(lines);
     EXPECT_EQ(complete("show heap 7 a"), (Words{"accounting", "address"}));
     EXPECT_EQ(complete("si"), Words{}) << "hidden";
 }
@@ -86,12 +92,7 @@ TEST_F(Parser, AHostTreeAddsItsWordsBesideTheLibrarysAndItsHookFramesEveryComman
     cli_session_command_hook_set(
         session_, [](void* calls, int entering) { *static_cast<std::string*>(calls) += entering ? '(' : ')'; },
         &hooks);
-    const std::string missing = "Failed to find a heap with ID 7\n";
-    const struct {
-        const char* line;
-        std::string output;
-        cli_status status = CLI_OK;
-    } lines[] = {
+    const Line lines[] = {
         {"show pe counters", "host 1\n"},
         {"sh pe c", "host 1\n"},  // abbreviated through both trees
         {"sh p c", "% Ambiguous word \"p\": packet pe\n", CLI_AMBIGUOUS},
@@ -101,7 +102,7 @@ TEST_F(Parser, AHostTreeAddsItsWordsBesideTheLibrarysAndItsHookFramesEveryComman
         {"s", "% Ambiguous word \"s\": show set\n", CLI_AMBIGUOUS},  // "show" of both trees is one word
         {"q", "", CLI_END},
     };
-    for (const auto& l : lines) EXPECT_EQ(run(l.line, l.status), l.output) << l.line;
+    run_all(lines);
     EXPECT_EQ(hooks, "()()()()") << "one pair around each command run, none for the session's words";
     EXPECT_EQ(complete("sh"), Words{"show"});
     EXPECT_EQ(complete("show p"), (Words{"packet", "pe"}));
