@@ -13,6 +13,7 @@
                                   of commands (--every) and at a prompt
                                   (skipped where not allowed)
 """
+import fcntl
 import os
 import pty
 import re
@@ -24,6 +25,7 @@ import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -297,7 +299,10 @@ class Live:
         self.started = time.monotonic()
         self.pe = subprocess.Popen([program, "--config", os.path.join(work, "pe.conf"), "--port", "up=up0",
                                     "--port", "a=a0", *argv], stdin=stdin,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True,
+                                   # a terminal given as stdin is the controlling one: Ctrl-C signals
+                                   start_new_session=stdin is not None,
+                                   preexec_fn=(lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)) if stdin else None)
         started = self.line()
         check(started and "forwarding between 2 interfaces" in started, "corvex-pe did not start: %r" % started)
         self.sockets, self.offered, self.counts = {}, {"up": 0, "a": 0}, None
@@ -405,9 +410,18 @@ def generated_test(program, work):
           "20000 frames sent, %d arrived:\n%s" % (arrived, stdout))
 
 
+def prompts_wait(pe, shown, count):
+    """What pe shows on its standard output once it has shown its prompt count times."""
+    deadline = time.monotonic() + WAIT
+    while shown.count(b"corvex-pe> ") < count and time.monotonic() < deadline:
+        if select.select([pe.stdout], [], [], 0.1)[0]:
+            shown += os.read(pe.stdout.fileno(), 4096)
+    return shown
+
+
 def console_test(program, work):
-    """At the console's prompt while frames flow: the host's commands beside the library's, and quit
-    ending the traffic."""
+    """At the console's prompt while frames flow: Ctrl-C clearing the line, the host's commands beside
+    the library's, and quit ending the traffic."""
     terminal, console = pty.openpty()
     live = Live(program, work, "-q", stdin=console)
     os.close(console)
@@ -415,9 +429,14 @@ def console_test(program, work):
         upward = f.frame(BRIDGE, HOST, f.payload(2, 60))
         live.offer("a", upward)
         check(live.receive("up") == tagged(upward, f.etag(0x001)), "no frame forwarded at the prompt")
+        shown = prompts_wait(live.pe, b"", 1)
+        os.write(terminal, b"show pe cou\x03")  # Ctrl-C: the line cleared, the traffic goes on
+        shown = prompts_wait(live.pe, shown, 2)
+        check(live.pe.poll() is None, "Ctrl-C at the prompt ended corvex-pe")
         os.write(terminal, b"show pe config\nshow pe counters\nclear pe counters\nshow pe counters\n"
                            b"show heap 0 sanity\nquit\n")
         stdout, stderr = live.pe.communicate(timeout=WAIT)
+        stdout = shown.decode() + stdout
     finally:
         if live.pe.poll() is None:
             live.pe.kill()
@@ -430,6 +449,7 @@ def console_test(program, work):
     a_rows = re.findall(r"^a +0x001 +(\d+) +\d+ +\d+ ", stdout, re.M)
     check(a_rows == ["1", "0", "0"], "port a's Rx frames before and after clear, and at exit: %s\n%s"
           % (a_rows, stdout))
+    check("corvex-pe> ^C" in stdout, "Ctrl-C:\n" + stdout)
     check("PE counters cleared\n" in stdout and "passed Heap block sanity check" in stdout, "console:\n" + stdout)
 
 
