@@ -61,7 +61,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         pe_forwarder_t forwarder;
         pe_forwarder_init(&forwarder, &config, emit_nothing, io);
         volatile sig_atomic_t stop = 0;
-        pe_io_run(io, &forwarder, 0, &stop, false);
+        pe_io_run(io, &forwarder, 0, &stop, false, nullptr);
         pe_io_close(io, false);
     }
     close(fd);
