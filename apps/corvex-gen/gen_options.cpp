@@ -82,9 +82,7 @@ int gen_options_parse(int argc, char** argv, gen_options_t* options) {
             break;
         }
         case kDuration:
-            if (!host_options_number(optarg, 1, UINT_MAX, &number))
-                return refuse("--duration", optarg, "not a whole number of seconds from 1 to 4294967295");
-            options->seconds = static_cast<unsigned>(number);
+            if (!host_options_seconds(kName, "--duration", optarg, &options->seconds)) return HOST_OPTIONS_USAGE;
             break;
         default: return HOST_OPTIONS_USAGE;  // refused, and said why
         }

@@ -131,11 +131,9 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
     auto refuse = [](const char* option, const char* value, const char* reason) {
         return host_options_fail(kName, option, value, reason);
     };
-    static_assert(UINT_MAX == 4294967295u, "the --duration message names the largest value");
-    bool out_given = false, duration_given = false;
+    bool out_given = false;
     const char* every = nullptr;
     for (int code; (code = host_options_next(kName, argc, argv, "c:qh", kLongs)) != -1;) {
-        unsigned long seconds = 0;
         switch (code) {
         case kConfig: options->config = optarg; break;
         case kOut: options->out_dir = optarg, out_given = true; break;
@@ -160,15 +158,10 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
                 return HOST_OPTIONS_USAGE;
             break;
         case kDuration:
-            if (!host_options_number(optarg, 1, UINT_MAX, &seconds))
-                return refuse("--duration", optarg, "not a whole number of seconds from 1 to 4294967295");
-            options->duration = static_cast<unsigned>(seconds);
-            duration_given = true;
+            if (!host_options_seconds(kName, "--duration", optarg, &options->duration)) return HOST_OPTIONS_USAGE;
             break;
         case kEvery:
-            if (!host_options_number(optarg, 1, UINT_MAX, &seconds))
-                return refuse("--every", optarg, "not a whole number of seconds from 1 to 4294967295");
-            options->every = static_cast<unsigned>(seconds);
+            if (!host_options_seconds(kName, "--every", optarg, &options->every)) return HOST_OPTIONS_USAGE;
             every = optarg;
             break;
         default: return HOST_OPTIONS_USAGE;  // refused, and said why
@@ -181,7 +174,7 @@ int pe_options_parse(int argc, char** argv, pe_options_t* options) {
         if (out_given) return refuse("--out", nullptr, "applies to capture files only, not with --port");
         return -1;
     }
-    if (duration_given) return refuse("--duration", nullptr, "applies to live interfaces only (--port)");
+    if (options->duration != 0) return refuse("--duration", nullptr, "applies to live interfaces only (--port)");
     if (every != nullptr) return refuse("--every", every, "applies to live interfaces only (--port)");
     if (!files) options->in_dir = defaults.in_dir;
     if (!out_given) {

@@ -2,6 +2,7 @@
 #include "host_options.h"
 
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -69,6 +70,17 @@ bool host_options_number(const char* text, unsigned long low, unsigned long high
     const unsigned long long value = strtoull(text, &end, 10);
     if (errno != 0 || *end != '\0' || value < low || value > high) return false;
     *number = static_cast<unsigned long>(value);
+    return true;
+}
+
+bool host_options_seconds(const char* program, const char* option, const char* text, unsigned* seconds) {
+    static_assert(UINT_MAX == 4294967295u, "the message names the largest value");
+    unsigned long number = 0;
+    if (!host_options_number(text, 1, UINT_MAX, &number)) {
+        host_options_fail(program, option, text, "not a whole number of seconds from 1 to 4294967295");
+        return false;
+    }
+    *seconds = static_cast<unsigned>(number);
     return true;
 }
 

@@ -27,5 +27,10 @@ int host_options_fail(const char* program, const char* option, const char* value
 // Reads a whole number from low to high, digits only: no sign, no spaces.
 bool host_options_number(const char* text, unsigned long low, unsigned long high, unsigned long* number);
 
+// Reads a number of seconds, 1 to 4294967295, the value of option; else
+// says "PROGRAM: OPTION TEXT: not a whole number of seconds from 1 to
+// 4294967295" and returns false.
+bool host_options_seconds(const char* program, const char* option, const char* text, unsigned* seconds);
+
 // Prints "PROGRAM VERSION" (the project's version) to standard output.
 void host_options_version(const char* program);
