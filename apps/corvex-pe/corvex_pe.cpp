@@ -48,21 +48,9 @@ volatile sig_atomic_t interrupted = 0;
 
 void interrupt_note(int) { interrupted = 1; }
 
-// folder/NAME.pcap, for a port name that stays a file name inside folder.
-bool capture_path(const std::string& folder, const char* name, std::string& path) {
-    if (name[0] == '\0' || name[0] == '.' || strchr(name, '/') != nullptr) {
-        fprintf(stderr, "%s: port %s: its name cannot name a file in %s\n", kName, name, folder.c_str());
-        return false;
-    }
-    path = folder + "/" + name + ".pcap";
-    return true;
-}
-
-struct FileId {
-    dev_t device;
-    ino_t inode;
-    const char* path;
-};
+// folder/NAME.pcap: a port's name is a file name (the configuration
+// allows no '/' and no leading '.').
+std::string capture_path(const std::string& folder, const char* name) { return folder + "/" + name + ".pcap"; }
 
 // The captures of --in DIR for every port that --in PORT=FILE leaves
 // without one; a port without either is told on stderr.
@@ -79,9 +67,8 @@ bool inputs_plan(const pe_options_t& options, const pe_config_t& config, std::ve
     }
     std::vector<std::string> missing;
     for (unsigned i = 0; i < config.nports; ++i) {
-        std::string path;
         if (ports[i].input != nullptr) continue;
-        if (!capture_path(options.in_dir, config.ports[i].name, path)) return false;
+        const std::string path = capture_path(options.in_dir, config.ports[i].name);
         if (stat(path.c_str(), &info) != 0 && errno == ENOENT) {
             missing.push_back(path + ": no such file: port " + config.ports[i].name);
             continue;
@@ -98,37 +85,23 @@ bool inputs_plan(const pe_options_t& options, const pe_config_t& config, std::ve
     return true;
 }
 
-// DIR/PORT.pcap of --out for every port: never an input, nor a folder.
-// The folder is made with the first output, once the inputs are open.
-bool outputs_plan(const pe_options_t& options, const pe_config_t& config, const std::vector<FileId>& inputs,
-                  std::vector<std::string>& paths, std::vector<pe_port_io_t>& ports) {
+// DIR/PORT.pcap of --out for every port. Whether one would overwrite an
+// input or a folder is checked as it is opened, once the inputs are open;
+// the folder is made with the first output.
+void outputs_plan(const pe_options_t& options, const pe_config_t& config, std::vector<std::string>& paths,
+                  std::vector<pe_port_io_t>& ports) {
     for (unsigned i = 0; i < config.nports; ++i) {
-        std::string path;
-        if (!capture_path(options.out_dir, config.ports[i].name, path)) return false;
-        struct stat info;
-        if (stat(path.c_str(), &info) == 0) {
-            if (S_ISDIR(info.st_mode)) {
-                fprintf(stderr, "%s: %s: is a directory\n", kName, path.c_str());
-                return false;
-            }
-            for (const FileId& input : inputs) {
-                if (input.device != info.st_dev || input.inode != info.st_ino) continue;
-                fprintf(stderr, "%s: %s: would overwrite the input %s\n", kName, path.c_str(), input.path);
-                return false;
-            }
-        }
-        paths.push_back(path);
+        paths.push_back(capture_path(options.out_dir, config.ports[i].name));
         ports[i].output = paths.back().c_str();
     }
     if (options.out_default && !options.quiet)
         fprintf(stderr, "%s: the ports' captures go to %s\n", kName, options.out_dir.c_str());
-    return true;
 }
 
 // Fills paths (owning the strings) and ports; returns false after a line
-// on stderr. config_id is the configuration file, an input too.
-bool ports_plan(const pe_options_t& options, const pe_config_t& config, const FileId& config_id,
-                std::vector<std::string>& paths, std::vector<pe_port_io_t>& ports) {
+// on stderr.
+bool ports_plan(const pe_options_t& options, const pe_config_t& config, std::vector<std::string>& paths,
+                std::vector<pe_port_io_t>& ports) {
     paths.reserve(2 * config.nports);
     ports.assign(config.nports, pe_port_io_t{});
     auto named = [&](const std::string& name) {
@@ -148,12 +121,8 @@ bool ports_plan(const pe_options_t& options, const pe_config_t& config, const Fi
         ports[port].input = file.c_str();
     }
     if (!options.in_dir.empty() && !inputs_plan(options, config, paths, ports)) return false;
-    std::vector<FileId> inputs{config_id};
-    for (const pe_port_io_t& port : ports) {
-        struct stat info;
-        if (port.input != nullptr && stat(port.input, &info) == 0) inputs.push_back({info.st_dev, info.st_ino, port.input});
-    }
-    return outputs_plan(options, config, inputs, paths, ports);
+    outputs_plan(options, config, paths, ports);
+    return true;
 }
 
 // The commands, the library's and heap-map, their accounting reports
@@ -253,10 +222,9 @@ int main(int argc, char** argv) {
     if (read != 0) return 2;
     std::vector<std::string> paths;
     std::vector<pe_port_io_t> ports;
-    const FileId config_id{config_info.st_dev, config_info.st_ino, options.config.c_str()};
-    pe_io_t* io = ports_plan(options, config, config_id, paths, ports)
-                      ? pe_io_open(ports.data(), config.nports, stderr)
-                      : nullptr;
+    if (!ports_plan(options, config, paths, ports)) return 2;
+    diagnostics.inputs_note(ports);
+    pe_io_t* io = pe_io_open(ports.data(), config.nports, *diagnostics.inputs(), stderr);
     if (io == nullptr) return 2;
     pe_forwarder_t forwarder;
     pe_forwarder_init(&forwarder, &config, pe_io_emit, io);

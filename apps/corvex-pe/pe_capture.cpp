@@ -112,14 +112,13 @@ void pe_capture_close(pe_capture_reader_t* reader) {
     reader->data = nullptr;
 }
 
-bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err) {
+bool pe_capture_create(pe_capture_writer_t* writer, const char* path, const DiagInputs& inputs, FILE* err) {
     const std::string target = path;
     const size_t slash = target.rfind('/');
     if (slash != std::string::npos && slash > 0 && !diag_folder_make(target.substr(0, slash), "corvex-pe", err))
         return false;
-    // What the run reads is kept from its outputs before they are created.
     writer->output.emplace("corvex-pe", err);
-    if (!writer->output->open(target, DiagInputs{})) return false;
+    if (!writer->output->open(target, inputs)) return false;
     setvbuf(writer->output->file(), nullptr, _IOFBF, kBuffer);
     uint8_t header[kFileHeader] = {};
     le32_put(header, kMagicMicro);
@@ -130,7 +129,7 @@ bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err)
     return writer->output->checked(fwrite(header, sizeof header, 1, writer->output->file()) == 1);
 }
 
-bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length, FILE*) {
+bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length) {
     uint8_t header[kRecordHeader];
     le32_put(header, static_cast<uint32_t>(time_ns / 1000000000));
     le32_put(header + 4, static_cast<uint32_t>(time_ns % 1000000000 / 1000));
@@ -141,8 +140,8 @@ bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8
     return writer->output->checked(fwrite(header, sizeof header, 1, file) == 1 && fwrite(frame, length, 1, file) == 1);
 }
 
-bool pe_capture_finish(pe_capture_writer_t* writer, FILE*) { return writer->output->finish(); }
+bool pe_capture_finish(pe_capture_writer_t* writer) { return writer->output->finish(); }
 
-bool pe_capture_publish(pe_capture_writer_t* writer, FILE*) { return writer->output->publish(); }
+bool pe_capture_publish(pe_capture_writer_t* writer) { return writer->output->publish(); }
 
 void pe_capture_discard(pe_capture_writer_t* writer) { writer->output.reset(); }

@@ -53,13 +53,12 @@ struct pe_capture_writer_t {
 // folders it lacks) and writes its file header. Every write error (here,
 // in pe_capture_write and at the close) is one line on err naming path
 // and the system's reason.
-bool pe_capture_create(pe_capture_writer_t* writer, const char* path, FILE* err);
-bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length,
-                      FILE* err);
+bool pe_capture_create(pe_capture_writer_t* writer, const char* path, const DiagInputs& inputs, FILE* err);
+bool pe_capture_write(pe_capture_writer_t* writer, uint64_t time_ns, const uint8_t* frame, uint32_t length);
 // Writes out what is buffered and closes the file; the capture is then
 // complete under its temporary name.
-bool pe_capture_finish(pe_capture_writer_t* writer, FILE* err);
+bool pe_capture_finish(pe_capture_writer_t* writer);
 // Renames a finished capture into place.
-bool pe_capture_publish(pe_capture_writer_t* writer, FILE* err);
+bool pe_capture_publish(pe_capture_writer_t* writer);
 // Closes the capture if it is open and removes its temporary file.
 void pe_capture_discard(pe_capture_writer_t* writer);

@@ -22,10 +22,13 @@ void PeDiagnostics::ring_start() const {
     if (!options_.trace.empty()) event_timestamp_record_init(kRingRecords);
 }
 
-bool PeDiagnostics::open(const pe_config_t& config, const std::vector<pe_port_io_t>& ports, pe_forwarder_t* forwarder) {
+void PeDiagnostics::inputs_note(const std::vector<pe_port_io_t>& ports) {
     inputs_.add(options_.config.c_str());
     for (const pe_port_io_t& port : ports)
         if (port.input != nullptr) inputs_.add(port.input);
+}
+
+bool PeDiagnostics::open(const pe_config_t& config, const std::vector<pe_port_io_t>& ports, pe_forwarder_t* forwarder) {
     if (!options_.trace.empty() && !trace_.open(options_.trace, inputs_)) return false;
     if (!options_.counters.empty() && !counters_.open(options_.counters, inputs_)) return false;
     if (options_.drops.empty()) return true;

@@ -30,8 +30,9 @@ public:
     void ring_start() const;
     // Notes every heap's blocks, to tell later what grew.
     void snapshot() { leaks_.snapshot(); }
-    // Notes the run's inputs (the configuration and each port's capture),
-    // creates the trace and counters files (written at the end) and starts
+    // Notes the run's inputs: the configuration and each port's capture.
+    void inputs_note(const std::vector<pe_port_io_t>& ports);
+    // Creates the trace and counters files (written at the end) and starts
     // the drops capture, told of forwarder's drops. False after a line on
     // stderr.
     bool open(const pe_config_t& config, const std::vector<pe_port_io_t>& ports, pe_forwarder_t* forwarder);

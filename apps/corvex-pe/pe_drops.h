@@ -1,7 +1,7 @@
 // Why was this frame dropped: every dropped frame in a pcapng capture that
 // Wireshark and tshark read. Each port is an interface of the capture,
 // named for the port and described by where its frames came from; each
-// frame is kept as it was received, at the time it was received, with the
+// frame is kept as it was received, at the time it was dropped, with the
 // reason it was dropped and its number among the frames of its input as
 // the packet's comment (tshark's frame.comment).
 #pragma once

@@ -123,7 +123,13 @@ void live_settle(pe_io_t* io, pe_forwarder_t* forwarder, bool lost) {
         counters.tx_frames -= frames;
         counters.tx_bytes -= bytes;
         counters.tx_lost += frames;
-        if (lost) counters.rx_lost += static_cast<uint64_t>(pe_live_lost_take(live));
+        if (!lost) continue;
+        // The change may be negative for a moment; never below the 0 that
+        // clear pe counters may have set.
+        const int64_t change = pe_live_lost_take(live);
+        counters.rx_lost = change >= 0 || static_cast<uint64_t>(-change) <= counters.rx_lost
+                               ? counters.rx_lost + static_cast<uint64_t>(change)
+                               : 0;
     }
 }
 
@@ -187,7 +193,7 @@ int live_run(pe_io_t* io, pe_forwarder_t* forwarder, unsigned seconds, volatile 
 
 }  // namespace
 
-pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err) {
+pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, const DiagInputs& inputs, FILE* err) {
     auto* io = new pe_io_t;
     io->err = err;
     io->nports = nports;
@@ -209,7 +215,7 @@ pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err) {
         }
     }
     for (unsigned i = 0; opened && i < nports; ++i)
-        if (ports[i].output != nullptr) opened = pe_capture_create(&io->ports[i].writer, ports[i].output, err);
+        if (ports[i].output != nullptr) opened = pe_capture_create(&io->ports[i].writer, ports[i].output, inputs, err);
     if (!opened) {
         pe_io_close(io, false);
         return nullptr;
@@ -220,9 +226,9 @@ pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err) {
 int pe_io_close(pe_io_t* io, bool publish) {
     bool written = publish;
     for (unsigned i = 0; written && i < io->nports; ++i)
-        if (io->ports[i].writer.output) written = pe_capture_finish(&io->ports[i].writer, io->err);
+        if (io->ports[i].writer.output) written = pe_capture_finish(&io->ports[i].writer);
     for (unsigned i = 0; written && i < io->nports; ++i)
-        if (io->ports[i].writer.output) written = pe_capture_publish(&io->ports[i].writer, io->err);
+        if (io->ports[i].writer.output) written = pe_capture_publish(&io->ports[i].writer);
     for (unsigned i = 0; i < io->nports; ++i) {
         pe_io_t::Port& port = io->ports[i];
         pe_capture_discard(&port.writer);
@@ -237,8 +243,9 @@ bool pe_io_emit(void* context, unsigned port_index, const packet_t* packet) {
     auto* io = static_cast<pe_io_t*>(context);
     pe_io_t::Port& port = io->ports[port_index];
     if (port.live != nullptr) return pe_live_queue(port.live, packet->frame_start, packet->length);
-    if (!port.writer.output) return !io->failed;
-    if (!io->failed && !pe_capture_write(&port.writer, io->now_ns, packet->frame_start, packet->length, io->err))
+    // Live, a port given no interface takes nothing: its frames are Tx lost.
+    if (!port.writer.output) return false;
+    if (!io->failed && !pe_capture_write(&port.writer, io->now_ns, packet->frame_start, packet->length))
         io->failed = true;
     return !io->failed;
 }

@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "diag_output.h"
 #include "pe_control.h"
 #include "pe_forward.h"
 
@@ -29,9 +30,10 @@ struct pe_port_io_t {
 };
 
 // Opens every port's inputs first, then its interfaces, then its outputs
-// (under temporary names). Returns null after one line on err naming what
-// could not be opened; later faults are told there too.
-pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, FILE* err);
+// (under temporary names), none over one of inputs or a folder. Returns
+// null after one line on err naming what could not be opened; later
+// faults are told there too.
+pe_io_t* pe_io_open(const pe_port_io_t* ports, unsigned nports, const DiagInputs& inputs, FILE* err);
 // Ends the I/O. With publish the outputs are written out and renamed into
 // place: 0, or 2 after one line on err naming the output that could not
 // be. Without, they are removed.

@@ -32,7 +32,7 @@ bool DiagOutput::open(const std::string& path, const DiagInputs& inputs) {
         return false;
     }
     struct stat info;
-    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return fail(strerror(EISDIR));
+    if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) return fail("is a directory");
     // Hidden beside the output, so the rename stays within one file system.
     const size_t slash = path.rfind('/');
     const size_t name = slash == std::string::npos ? 0 : slash + 1;

@@ -56,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
     // The upstream port and port a read the same capture.
     const pe_port_io_t ports[] = {{path, nullptr, nullptr}, {path, nullptr, nullptr}, {nullptr, nullptr, nullptr}};
-    pe_io_t* io = pe_io_open(ports, 3, quiet);
+    pe_io_t* io = pe_io_open(ports, 3, DiagInputs{}, quiet);
     if (io != nullptr) {
         pe_forwarder_t forwarder;
         pe_forwarder_init(&forwarder, &config, emit_nothing, io);

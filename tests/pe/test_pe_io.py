@@ -359,7 +359,7 @@ def live_inside(program):
     work = tempfile.mkdtemp(prefix="corvex-pe-live-")
     try:
         with open(os.path.join(work, "pe.conf"), "w") as out:
-            out.write("upstream up\nport a 0x001\n")
+            out.write("upstream up\nport a 0x001\nport b 0x002\n")  # b: no interface
         if run(["ip", "link", "property", "add", "dev", "up0", "altname", "upalt"]).returncode == 0:
             result = run([program, "--config", os.path.join(work, "pe.conf"), "--port", "up=up0", "--port",
                           "a=upalt", "-q"])
@@ -384,6 +384,7 @@ def live_inside(program):
     ports, _ = counter_rows(stdout[stdout.index("\nInterrupted.\n"):])
     check(ports["up"][0] + ports["a"][0] == live.counts["rx"], "table and progress line differ:\n" + stdout)
     check(re.search(r"^ +0 active$", stdout, re.M), "packets left active:\n" + stdout)
+    check(ports["b"][2] == 0 and ports["b"][5] == 1, "a frame for the port without an interface: %s" % ports["b"])
     rounds = re.findall(r"^At (\d+) s:\nPacket Statistics:\n.*?^Port +E-CID +Rx frames ", stdout, re.M | re.S)
     check(rounds and rounds[0] == "1", "no round of the commands while frames flowed:\n" + stdout)
 
@@ -445,7 +446,8 @@ def console_test(program, work):
     check(live.pe.returncode == 0 and stderr == "", "after quit: %d\n%s" % (live.pe.returncode, stderr))
     config = ("Port                                E-CID Priority  VLAN             Interface\n"
               "up                               upstream        -  -                up0\n"
-              "a                                   0x001        0  -                a0\n")
+              "a                                   0x001        0  -                a0\n"
+              "b                                   0x002        0  -                -\n")
     check(config in stdout, "show pe config:\n" + stdout)
     a_rows = re.findall(r"^a +0x001 +(\d+) +\d+ +\d+ ", stdout, re.M)
     # The line Ctrl-C cleared ("show pe cou") ran no command: three tables only.
@@ -455,7 +457,8 @@ def console_test(program, work):
 
 
 def forwarding(live):
-    """A frame each way, and a VLAN-tagged one, whose tag the kernel keeps beside the frame."""
+    """A frame each way, and a VLAN-tagged one, whose tag the kernel keeps beside the frame; one for the
+    port without an interface, which goes nowhere and is counted so."""
     down = f.frame(HOST, BRIDGE, f.etag(0x001), f.payload(1, 60))
     upward = f.frame(BRIDGE, HOST, f.payload(2, 60))
     vlan = f.frame(BRIDGE, HOST, f.vlan(9), f.payload(3, 60))
@@ -465,6 +468,7 @@ def forwarding(live):
         live.offer(port, data)
         got = live.receive(out_port)
         check(got == want, "live %s -> %s: %s, expected %s" % (port, out_port, got.hex(), want.hex()))
+    live.offer("up", f.frame(HOST, BRIDGE, f.etag(0x002), f.payload(5, 60)))
 
 
 def overload(live):
