@@ -16,7 +16,7 @@
 // not be written) to standard error, naming the command, line or file.
 // Exit status: 0 when every line ran, 1 when one was refused, 2 for a
 // usage error, unreadable input or a write error (standard output, a heap
-// map), 3 when the host could not start.
+// map, heap-map without a folder), 3 when the host could not start.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -66,8 +66,8 @@ int usage() {
            "Exit status: 0 every line ran; 1 a line was refused (unknown, ambiguous,\n"
            "incomplete, out of range, above the security level); 2 a usage error, standard\n"
            "input unreadable (a directory, a read error, a line too long or holding a NUL\n"
-           "byte: the script stops there) or a write error (standard output, a heap map);\n"
-           "3 the host could not start.\n",
+           "byte: the script stops there) or a write error (standard output, a heap map,\n"
+           "heap-map without a folder); 3 the host could not start.\n",
            kName, CLI_LINE_MAX);
     return 0;
 }

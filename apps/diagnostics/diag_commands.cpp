@@ -17,7 +17,8 @@ DiagCommands* acting = nullptr;
 void heap_map_command(parser_config*, parser_result* result, u_int32_t) {
     const std::string folder = result->item_count > 0 ? result->item[0].data.string : acting->map_folder;
     if (folder.empty()) {
-        parser_printf("No folder for the maps: give one (heap-map FOLDER)\n");
+        fprintf(acting->err, "%s: heap-map: no folder for the maps: give one (heap-map FOLDER)\n", acting->program);
+        ++acting->failures;
         return;
     }
     if (!diag_heap_maps_write(folder, *acting->inputs, acting->program, acting->err)) {
@@ -33,8 +34,6 @@ int word_parse(const parser_node_info*, const char* word, parser_item* item) {
     return item->data.string != nullptr ? 1 : -1;
 }
 
-int word_expand(const parser_node_info*, const char*, char*, size_t) { return 0; }
-
 void word_help(const parser_node_info*, char* buffer, size_t size) { snprintf(buffer, size, "<folder>"); }
 
 void word_debug(const parser_node_info*, const parser_item* item) { parser_printf("\"%s\"", item->data.string); }
@@ -45,14 +44,15 @@ void word_release(parser_item* item) {
 }
 
 parser_cmd_info extra_nodes[] = {
-    {kNodeWord, word_parse, word_expand, word_help, word_debug, word_release},
+    {kNodeWord, word_parse, nullptr, word_help, word_debug, word_release},
     {0, nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
-parser_type_end_of_line heap_map_end = {{PARSER_NODE_END_OF_LINE, nullptr, nullptr, nullptr, 0}, heap_map_command, 0};
 parser_type_end_of_line heap_map_folder_end = {
     {PARSER_NODE_END_OF_LINE, nullptr, nullptr, nullptr, 0}, heap_map_command, 0};
 parser_node_info heap_map_folder = {kNodeWord, &heap_map_folder_end, nullptr, "folder to write the maps into", 0};
+parser_type_end_of_line heap_map_end = {
+    {PARSER_NODE_END_OF_LINE, nullptr, &heap_map_folder, nullptr, 0}, heap_map_command, 0};
 parser_type_keyword heap_map = {
     {PARSER_NODE_KEYWORD, &heap_map_end, nullptr, "write an SVG map of every heap", 0}, "heap-map", 0, 0, 0, 0};
 parser_tree_info tree = {&heap_map.info, extra_nodes};
@@ -61,6 +61,5 @@ parser_tree_info tree = {&heap_map.info, extra_nodes};
 
 const parser_tree_info* diag_commands_tree(DiagCommands* commands) {
     acting = commands;
-    heap_map_end.info.next_this_level = &heap_map_folder;
     return &tree;
 }

@@ -17,7 +17,7 @@ struct DiagCommands {
     FILE* err;                // where a map that could not be written is told
     const DiagInputs* inputs;
     std::string map_folder;   // the default FOLDER; empty: none
-    unsigned failures = 0;    // maps that could not be written
+    unsigned failures = 0;    // maps that could not be written, or asked for without a folder
 };
 
 // The tree of the programs' commands, acting for commands. One program has one such tree: a later call replaces the

@@ -296,7 +296,7 @@ private:
     }
 #endif
 
-    [[maybe_unused]] parser_config& session_;  // its history feeds line editing only
+    parser_config& session_;
     FILE* in_;
     FILE* out_;
     const char* prompt_;
@@ -326,7 +326,8 @@ int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
     Input input(session, in, out, prompt);
     int failures = 0;
     std::string line;
-    for (unsigned long number = 1; !session.end_asked; ++number) {
+    // cli_session_end ends a terminal's reading only; a script is read on.
+    for (unsigned long number = 1; !(input.terminal() && session.end_asked); ++number) {
         const Got got = input.read(line);
         if (got == Got::end) break;
         if (got == Got::interrupted) {

@@ -146,7 +146,7 @@ int cli_session_complete(parser_config* session, const char* line,
 
 /*
  * Executes the lines of in until its end or "exit" / "quit"; a refused line
- * is reported with its number and the script goes on. Returns the number of
+ * is reported (a message sink is given its number) and the script goes on. Returns the number of
  * refused lines, CLI_INPUT_UNREADABLE, or -1 for a null session or stream.
  */
 int cli_session_run_script(parser_config* session, FILE* in);

@@ -3,9 +3,11 @@
 // and completion; a host's own tree beside it, and the hook around its
 // commands; sessions used from several threads at once, and ended from
 // another thread while they wait at a terminal.
+#include <poll.h>
 #include <pty.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
 #include <thread>
@@ -116,20 +118,30 @@ TEST_F(Parser, AHostTreeAddsItsWordsBesideTheLibrarysAndItsHookFramesEveryComman
 }
 
 TEST(Session, EndedFromAnotherThreadWhileItWaitsAtATerminal) {
-    int terminal, console;
+    int terminal, console, shown[2];
     ASSERT_EQ(openpty(&terminal, &console, nullptr, nullptr, nullptr), 0);
+    ASSERT_EQ(pipe(shown), 0);
     FILE* in = fdopen(console, "r");
-    FILE* out = fopen("/dev/null", "w");
+    FILE* out = fdopen(shown[1], "w");
     parser_config* session = cli_session_create(&libcorvex_vty_tree);
     int failures = -1;
     std::thread reader([&] { failures = cli_session_run_interactive(session, in, out, "> "); });
-    ASSERT_EQ(write(terminal, "show heap 7\n", 12), 12);
+    ASSERT_EQ(write(terminal, "bogus\n", 6), 6);
+    // The second prompt: the refused line was read, and the session waits for the next.
+    std::string text;
+    for (int waits = 0; waits < 1000 && text.find("> ") == text.rfind("> "); ++waits) {
+        pollfd ready{shown[0], POLLIN, 0};
+        char chunk[256];
+        const ssize_t got = poll(&ready, 1, 10) == 1 ? read(shown[0], chunk, sizeof chunk) : 0;
+        text.append(chunk, static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    }
     cli_session_end(session);
     reader.join();  // ends instead of waiting for more lines
-    EXPECT_EQ(failures, 0);
+    EXPECT_EQ(failures, 1) << text;
     cli_session_destroy(session);
     fclose(out);
     fclose(in);
+    close(shown[0]);
     close(terminal);
 }
 

@@ -79,6 +79,7 @@ TEST(Shell, PrintsWhatItRanAndWhatItRefused) {
           "show heap 0 accounting", "-c", "show packet"}},
         {"what may come first", {"-c", "?"}},
         {"the shell's own command; maps that cannot be written", {"-c", "heap-map ?", "--heap-map", "/dev/null/maps"}},
+        {"the shell's own command without a folder", {"-c", "heap-map", "-c", "show heap 9"}},
         {"a script: comments, blank lines, control bytes shown escaped, help, exit",
          {},
          "show packet statistics\n\n   # a comment\nbogus\n\x1b[31mred\x7f\\x01 heap\nshow ?\nexit\nshow packet\n"},
