@@ -10,7 +10,6 @@ namespace {
 // The report lines below a title: indented by three blanks; the first one
 // that is not ends the report.
 constexpr std::string_view kIndent = "   ";
-constexpr int kPcDigits = 2 * sizeof(void*);
 
 bool starts_with(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
 
@@ -22,9 +21,9 @@ bool report_titled(std::string_view line) {
 
 // A row's PC: all its digits, right after the indent.
 bool row_pc(std::string_view line, uintptr_t* pc) {
-    const std::string_view digits = line.substr(kIndent.size(), kPcDigits);
-    if (!starts_with(line, kIndent) || digits.size() != kPcDigits ||
-        (line.size() > kIndent.size() + kPcDigits && line[kIndent.size() + kPcDigits] != ' '))
+    const std::string_view digits = line.substr(kIndent.size(), kDiagPcDigits);
+    if (!starts_with(line, kIndent) || digits.size() != kDiagPcDigits ||
+        (line.size() > kIndent.size() + kDiagPcDigits && line[kIndent.size() + kDiagPcDigits] != ' '))
         return false;
     for (char c : digits)
         if (!isxdigit(static_cast<unsigned char>(c))) return false;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <map>
 #include <vector>
 
 #include "diag_blocks.h"
@@ -29,20 +28,14 @@ constexpr const char* kCallerColours[] = {"#4e79a7", "#f28e2b", "#e15759", "#76b
 constexpr size_t kCallersNamed = std::size(kCallerColours);
 constexpr char kOtherColour[] = "#9c755f";
 
-struct Caller {
-    uintptr_t pc;
-    uint64_t bytes;
-    uint64_t blocks;
-};
-
 struct Summary {
     uint64_t free_bytes = 0, largest_free = 0, free_blocks = 0, allocated_blocks = 0, debug_blocks = 0;
-    std::vector<Caller> callers;  // most bytes first
+    std::vector<diag_caller_t> callers;  // most bytes first
 };
 
 Summary summary_of(const std::vector<diag_block_t>& blocks) {
     Summary summary;
-    std::map<uintptr_t, Caller> by_pc;
+    DiagCallers callers;
     for (const diag_block_t& block : blocks) {
         if (!block.allocated) {
             summary.free_bytes += diag_block_span(block);
@@ -52,13 +45,9 @@ Summary summary_of(const std::vector<diag_block_t>& blocks) {
         }
         ++summary.allocated_blocks;
         summary.debug_blocks += block.trailer != 0;
-        Caller& caller = by_pc.try_emplace(block.pc, Caller{block.pc, 0, 0}).first->second;
-        caller.bytes += block.size;
-        ++caller.blocks;
+        callers.add(block.pc, block.size);
     }
-    for (const auto& entry : by_pc) summary.callers.push_back(entry.second);
-    std::stable_sort(summary.callers.begin(), summary.callers.end(),
-                     [](const Caller& a, const Caller& b) { return a.bytes > b.bytes; });
+    summary.callers = callers.by_bytes();
     return summary;
 }
 
@@ -179,7 +168,7 @@ void diag_heap_map_draw(heap_t* heap, FILE* out) {
     fprintf(out, "<text x=\"%d\" y=\"%d\" font-weight=\"bold\">Callers holding the most bytes</text>\n", kMargin, y);
     uint64_t other_bytes = 0, other_blocks = 0;
     for (size_t i = 0; i < summary.callers.size(); ++i) {
-        const Caller& caller = summary.callers[i];
+        const diag_caller_t& caller = summary.callers[i];
         if (i >= kCallersNamed) {
             other_bytes += caller.bytes;
             other_blocks += caller.blocks;

@@ -2,20 +2,12 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <map>
 #include <string>
 
 #include "diag_blocks.h"
 #include "diag_symbols.h"
 
 namespace {
-
-constexpr int kPcDigits = 2 * sizeof(void*);
-
-struct Growth {
-    uintptr_t pc;
-    uint64_t blocks, bytes;
-};
 
 }  // namespace
 
@@ -44,22 +36,17 @@ uint64_t DiagLeaks::report(FILE* out, const char* since) const {
         std::set_difference(now.blocks.begin(), now.blocks.end(), before.blocks.begin(), before.blocks.end(),
                             std::back_inserter(added));
         if (added.empty()) continue;
-        std::map<uintptr_t, Growth> by_pc;
+        DiagCallers callers;
         uint64_t bytes = 0;
         for (const Block& block : added) {
-            Growth& growth = by_pc.try_emplace(block.pc, Growth{block.pc, 0, 0}).first->second;
-            ++growth.blocks;
-            growth.bytes += block.size;
+            callers.add(block.pc, block.size);
             bytes += block.size;
         }
-        std::vector<Growth> rows;
-        for (const auto& entry : by_pc) rows.push_back(entry.second);
-        std::stable_sort(rows.begin(), rows.end(), [](const Growth& a, const Growth& b) { return a.bytes > b.bytes; });
         fprintf(out, "  Heap %u %s: %zu blocks, %" PRIu64 " bytes\n", before.heap->id,
                 before.heap->name != nullptr ? before.heap->name : "", added.size(), bytes);
-        fprintf(out, "    %-*s  %9s  %12s  Call site\n", kPcDigits, "PC", "Blocks", "Bytes(b)");
-        for (const Growth& row : rows) {
-            fprintf(out, "    %0*" PRIxPTR "  %9" PRIu64 "  %12" PRIu64 "  %s\n", kPcDigits, row.pc, row.blocks, row.bytes,
+        fprintf(out, "    %-*s  %9s  %12s  Call site\n", kDiagPcDigits, "PC", "Blocks", "Bytes(b)");
+        for (const diag_caller_t& row : callers.by_bytes()) {
+            fprintf(out, "    %0*" PRIxPTR "  %9" PRIu64 "  %12" PRIu64 "  %s\n", kDiagPcDigits, row.pc, row.blocks, row.bytes,
                     diag_symbol_describe(row.pc).c_str());
         }
         total += added.size();

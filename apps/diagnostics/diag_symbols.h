@@ -17,6 +17,9 @@ struct diag_symbol_t {
     int line = 0;          // 0 without line information
 };
 
+// The hex digits of a code address in the library's reports.
+constexpr int kDiagPcDigits = 2 * sizeof(void*);
+
 // What is known of pc; false when no object of the process holds it.
 bool diag_symbol_find(uintptr_t pc, diag_symbol_t* symbol);
 
