@@ -117,7 +117,7 @@ template <bool kPlain>
     heap_block_t* block = found.block;
     auto* fragment = reinterpret_cast<heap_block_t*>(data_of(block) + rounded);
     // The block after it, when a whole header of it lies in the range
-    // (next_header_in_heap, worked out from what the check found: the
+    // (header_in_heap's rule worked out from what the check found: the
     // block's header is aligned, so the next one is when the size is).
     heap_block_t* old_next = nullptr;
     if (room - block->size >= kHeaderSize && block->size % alignof(heap_block_t) == 0) {
@@ -131,7 +131,7 @@ template <bool kPlain>
     // The block leaves its list with its size before the split.
     if (!(found.on_list && home == found.list && heap_freelist_replace(heap, home, block, fragment, fifo))) {
         take_off(heap, found);
-        heap_freelist_enqueue(heap, home, fragment, index, fifo);
+        heap_freelist_enqueue(heap, home, fragment, fifo);
     }
     found.on_list = false;
     block->size = rounded;

@@ -65,7 +65,7 @@ status_t heap_create_internal(heap_t* heap, uintptr_t first, uintptr_t last, cha
     }
     heap_block_create(heap, block, nullptr, nullptr);
     block->freelist_id = HEAP_FREELIST_NONE;
-    heap_freelist_enqueue(heap, nullptr, block, list_index_of(heap), heap_lists_fifo(heap));
+    heap_freelist_enqueue(heap, nullptr, block, heap_lists_fifo(heap));
     heap->free_bytes = heap->available_bytes_watermark = block->size + kHeaderSize;
 
     if (!heap_list_init_done) {

@@ -101,7 +101,7 @@ template <bool kPlain>
                 heap_freelist_dequeue(heap, next_list, next);
             }
         }
-        heap_freelist_enqueue(heap, home, merged, index, fifo);
+        heap_freelist_enqueue(heap, home, merged, fifo);
     }
 }
 

@@ -71,6 +71,17 @@ inline void freelist_emptiness_changed(heap_t* heap, heap_freelist_t* list) {
 void heap_freelist_enqueue_refused(heap_t* heap, heap_block_t* block);
 void heap_freelist_unplaced(heap_block_t* block);
 
+// The largest and smallest block a list has held, a block of block_size
+// arriving.
+inline void freelist_extremes_note(heap_freelist_t* freelist, u_int32_t block_size) {
+    if (freelist->largest < block_size) {
+        freelist->largest = block_size;
+    }
+    if (freelist->smallest == 0 || freelist->smallest > block_size) {
+        freelist->smallest = block_size;
+    }
+}
+
 // The counts and records a block's arrival on a list changes.
 inline void freelist_count_in(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block) {
     block->freelist_id = freelist->id;
@@ -80,12 +91,7 @@ inline void freelist_count_in(heap_t* heap, heap_freelist_t* freelist, heap_bloc
     const auto block_size = static_cast<u_int32_t>(block->size);
     freelist->frees++;
     freelist->free_bytes += block->size + kHeaderSize;
-    if (freelist->largest < block_size) {
-        freelist->largest = block_size;
-    }
-    if (freelist->smallest == 0 || freelist->smallest > block_size) {
-        freelist->smallest = block_size;
-    }
+    freelist_extremes_note(freelist, block_size);
 }
 
 // The counts and records a block's departure from a list changes.
@@ -114,25 +120,18 @@ inline void freelist_count_out(heap_t* heap, heap_freelist_t* freelist, heap_blo
     // are otherwise paired into vector work that costs more than two adds.
     freelist->frees++;
     const auto block_size = static_cast<u_int32_t>(in->size);
-    if (freelist->largest < block_size) {
-        freelist->largest = block_size;
-    }
-    if (freelist->smallest == 0 || freelist->smallest > block_size) {
-        freelist->smallest = block_size;
-    }
+    freelist_extremes_note(freelist, block_size);
 }
 
 // Puts a free block on `freelist`, or on the list its size selects when
-// that is null (`index`: the heap's list_index_of): at the tail when `fifo`
-// (heap_lists_fifo), else at the head.
-inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block, ListIndex index,
-                                  bool fifo) {
+// that is null: at the tail when `fifo` (heap_lists_fifo), else at the head.
+inline void heap_freelist_enqueue(heap_t* heap, heap_freelist_t* freelist, heap_block_t* block, bool fifo) {
     if (block == nullptr || block->header.allocated) {
         heap_freelist_enqueue_refused(heap, block);
         return;
     }
     if (freelist == nullptr) {
-        freelist = freelist_for_block(heap, index, block->size);
+        freelist = freelist_for_block(heap, list_index_of(heap), block->size);
         if (freelist == nullptr) {
             heap_freelist_unplaced(block);
             return;
