@@ -22,9 +22,11 @@
 #include <cstdlib>
 #include <functional>
 #include <map>
+#include <optional>
 
 #include "cli_capture.h"
 #include "cli_session.h"
+#include "fake_clock.h"
 #include "golden.h"
 #include "heap.h"
 #include "packet_var.h"
@@ -32,28 +34,23 @@
 
 using corvex_test::fmt;
 
-// The process's monotonic clock, held still by the test and moved only when
-// told, so the rates report shows a known duration. Released, it reads the
-// system's clock.
+// The process's clocks, held still by the test from the monotonic clock's
+// reading (to the millisecond) and moved only when told, so the rates
+// report shows a known duration.
 namespace {
-bool clock_held = false;
-long long clock_ms = 0;  // what the clock reads while held
-}  // namespace
 
-extern "C" int clock_gettime(clockid_t id, struct timespec* now) noexcept {
-    if (id != CLOCK_MONOTONIC || !clock_held) return static_cast<int>(syscall(SYS_clock_gettime, id, now));
-    now->tv_sec = static_cast<time_t>(clock_ms / 1000);
-    now->tv_nsec = static_cast<long>(clock_ms % 1000 * 1000000);
-    return 0;
-}
-
-namespace {
+std::optional<corvex_test::FakeClock> held;
 
 void clock_hold() {
     struct timespec real {};
     syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &real);
-    clock_ms = real.tv_sec * 1000LL + real.tv_nsec / 1000000;
-    clock_held = true;
+    held.emplace();
+    held->monotonic = {real.tv_sec, real.tv_nsec / 1000000 * 1000000};
+}
+
+void clock_move_ms(long ms) {
+    const long ns = held->monotonic.tv_nsec + ms % 1000 * 1000000;
+    held->monotonic = {held->monotonic.tv_sec + ms / 1000 + ns / 1000000000, ns % 1000000000};
 }
 
 // One mapping at a fixed address, free on x86-64 and i386 and under
@@ -186,11 +183,11 @@ TEST(GoldenOutputs, EveryDisplayFamilyPrintsItsTranscript) {
         kept = at_a(w.cli, 64);
         heap_free(w.cli, at_a(w.cli, 64));
         heap_free(w.cli, at_b(w.cli, 1000));
-        clock_ms += 2500;
+        clock_move_ms(2500);
     };
     const auto rates_release = [&] {
         heap_free(w.cli, kept);
-        clock_ms += 61001;
+        clock_move_ms(61001);
     };
 
     // Each step's commands run in order, after its `before`; a family's
@@ -239,7 +236,7 @@ TEST(GoldenOutputs, EveryDisplayFamilyPrintsItsTranscript) {
         }
     }
     cli_session_destroy(session);
-    clock_held = false;
+    held.reset();
     for (const auto& [family, transcript] : transcripts) {
         // Sanity lines and counters read the same on both widths.
         const bool one_width = family == "heap_sanity" || family == "packet_statistics";
