@@ -76,6 +76,8 @@ std::mutex terminal_lock;
 // handler still running on another thread when a session ends never
 // writes into a closed descriptor.
 std::atomic<int> interrupt_pipe{-1};
+// The session reading the terminal now: cli_session_end wakes only it.
+std::atomic<const parser_config*> terminal_reader{nullptr};
 static_assert(std::atomic<int>::is_always_lock_free, "read in a signal handler");
 
 void interrupt_note(int) {
@@ -193,8 +195,14 @@ public:
         if (terminal_) {
             hold_ = std::unique_lock(terminal_lock);
             interrupts_.emplace();
+            terminal_reader = &session;
         }
     }
+    ~Input() {
+        if (terminal_) terminal_reader = nullptr;
+    }
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
 
     bool terminal() const { return terminal_; }
     int read_errno() const { return read_errno_; }
@@ -361,8 +369,10 @@ int lines_run(parser_config& session, FILE* in, FILE* out, const char* prompt) {
 extern "C" void cli_session_end(parser_config* session) {
     if (session == nullptr) return;
     session->end_asked = true;
-    // Wakes a terminal reading; one that starts reading later sees the flag.
-    if (const int fd = corvex_cli::interrupt_pipe.load(); fd >= 0) (void)!write(fd, "", 1);
+    // Wakes the session if it reads the terminal now; one that starts
+    // reading later sees the flag first.
+    const int fd = corvex_cli::interrupt_pipe.load();
+    if (fd >= 0 && corvex_cli::terminal_reader.load() == session) (void)!write(fd, "", 1);
 }
 
 extern "C" int cli_session_run_interactive(parser_config* session, FILE* in, FILE* out, const char* prompt) {
